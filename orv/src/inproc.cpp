@@ -1,0 +1,298 @@
+// The in-process transport of the tests.
+#include "orv/inproc.h"
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "orv/error.h"
+
+namespace {
+
+// What the header leaves no room for: the order in which roots appeared, the
+// one-shot requests that close after their first delivery, and a token that
+// tells deferred deliveries whether their bus still exists.
+struct bus_extra_t {
+    std::vector<std::string> roots;
+    std::set<std::uint32_t> oneShot;  // request ids
+};
+
+std::mutex g_extrasMutex;
+std::unordered_map<const orv_inproc_bus_t*, std::shared_ptr<bus_extra_t>> g_extras;
+
+std::shared_ptr<bus_extra_t> extrasOf(const orv_inproc_bus_t* bus) {
+    std::lock_guard lock(g_extrasMutex);
+    auto it = g_extras.find(bus);
+    return it == g_extras.end() ? nullptr : it->second;
+}
+
+std::string_view rootOf(std::string_view path) {
+    const std::size_t dot = path.find('.');
+    return dot == std::string_view::npos ? path : path.substr(0, dot);
+}
+
+constexpr std::uint32_t kStayOpen =
+    request_notify_subscribe | request_notify_values_changed | request_notify_custom | request_wait;
+
+}  // namespace
+
+orv_inproc_bus_t::orv_inproc_bus_t(orv_loop_t* loop) : loop_(loop) {
+    std::lock_guard lock(g_extrasMutex);
+    g_extras[this] = std::make_shared<bus_extra_t>();
+}
+
+orv_inproc_bus_t::~orv_inproc_bus_t() {
+    std::lock_guard lock(g_extrasMutex);
+    g_extras.erase(this);
+}
+
+void orv_inproc_bus_t::publish(std::string_view path, variant_map_t parameters) {
+    objects_[std::string(path)] = std::move(parameters);
+    auto extra = extrasOf(this);
+    const std::string root(rootOf(path));
+    if (!extra || root.empty() ||
+        std::find(extra->roots.begin(), extra->roots.end(), root) != extra->roots.end()) {
+        return;
+    }
+    extra->roots.push_back(root);
+    // The root is new: every open root lookup that waits hears of it.
+    for (const open_t& open : matching("")) {
+        if (!(open.request->attributes() & request_wait)) {
+            continue;
+        }
+        auto it = objects_.find(root);
+        variant_map_t rootParameters = it == objects_.end() ? variant_map_t{} : it->second;
+        std::vector<reply_item_t> items;
+        items.push_back(reply_item_t::object(remote_object_t{root, std::move(rootParameters)}));
+        post(open.request, std::move(items));
+    }
+}
+
+void orv_inproc_bus_t::unpublish(std::string_view path) {
+    auto it = objects_.find(path);
+    if (it == objects_.end()) {
+        return;
+    }
+    objects_.erase(it);
+    const std::string_view root = rootOf(path);
+    const bool rootRemains = std::any_of(objects_.begin(), objects_.end(), [&](const auto& entry) {
+        return rootOf(entry.first) == root;
+    });
+    if (!rootRemains) {
+        if (auto extra = extrasOf(this)) {
+            std::erase(extra->roots, std::string(root));
+        }
+    }
+}
+
+bool orv_inproc_bus_t::isPublished(std::string_view path) const {
+    return objects_.find(path) != objects_.end();
+}
+
+bool orv_inproc_bus_t::setParameter(std::string_view path, std::string_view name,
+                                    const variant_t& value) {
+    auto it = objects_.find(path);
+    if (it == objects_.end()) {
+        return false;
+    }
+    bool found = false;
+    for (auto& entry : it->second) {
+        if (entry.key == name) {
+            entry.value = value;
+            found = true;
+            break;
+        }
+    }
+    if (!found) {
+        it->second.push_back(variant_map_entry_t{std::string(name), value});
+    }
+
+    for (const open_t& open : matching(path)) {
+        if (!(open.request->attributes() & request_notify_values_changed)) {
+            continue;
+        }
+        notification_t notification(notification_value_changed);
+        notification.setObjectPath(path);
+        notification.parameters().push_back(variant_map_entry_t{"parameter", variant_t(name)});
+        notification.parameters().push_back(
+            variant_map_entry_t{"newvalue", variant_t(variant_char(&value).value_or(""))});
+        std::vector<reply_item_t> items;
+        items.push_back(reply_item_t::notification(std::move(notification)));
+        post(open.request, std::move(items));
+    }
+    return true;
+}
+
+void orv_inproc_bus_t::emit(std::string_view path, std::vector<notification_t> notifications) {
+    if (notifications.empty()) {
+        return;
+    }
+    for (auto& notification : notifications) {
+        if (!notification.objectPath()) {
+            notification.setObjectPath(path);
+        }
+    }
+    for (const open_t& open : matching(path)) {
+        if (!(open.request->attributes() & request_notify_custom)) {
+            continue;
+        }
+        std::vector<reply_item_t> items;
+        items.reserve(notifications.size());
+        for (const auto& notification : notifications) {
+            items.push_back(reply_item_t::notification(notification));
+        }
+        post(open.request, std::move(items));
+    }
+}
+
+void orv_inproc_bus_t::deliver(std::string_view path, std::vector<reply_item_t> items) {
+    for (const open_t& open : matching(path)) {
+        post(open.request, items);
+    }
+}
+
+void orv_inproc_bus_t::cancel(std::string_view path) {
+    std::vector<std::pair<open_t, std::uint32_t>> ending;
+    for (const open_t& open : matching(path)) {
+        ending.emplace_back(open, open.request->id());
+    }
+    for (const auto& entry : ending) {
+        const open_t& open = entry.first;
+        const std::uint32_t id = entry.second;
+        // A cancel handler may have ended other requests meanwhile.
+        auto it = std::find_if(open_.begin(), open_.end(),
+                               [&](const open_t& o) { return o.request == open.request; });
+        if (it == open_.end() || it->request->id() != id) {
+            continue;
+        }
+        forget(open.request);
+        open.sink->cancel(open.request);
+    }
+}
+
+void orv_inproc_bus_t::clearRecords() {
+    calls_.clear();
+    notifications_.clear();
+}
+
+std::size_t orv_inproc_bus_t::openRequestCount(std::string_view path) const {
+    return matching(path).size();
+}
+
+bool orv_inproc_bus_t::send(request_t* request, orv_request_sink_t* sink) {
+    if (!request || !sink) {
+        return false;
+    }
+    if (request->type() == request_type_exec_function) {
+        const std::string_view root = rootOf(request->path());
+        const bool owned =
+            !root.empty() && std::any_of(objects_.begin(), objects_.end(), [&](const auto& entry) {
+                return rootOf(entry.first) == root;
+            });
+        if (!owned) {
+            return false;
+        }
+        calls_.push_back(call_t{loop_ ? loop_->now_us() : 0, request->path(), request->function(),
+                                request->parameters()});
+        return true;
+    }
+    if (request->type() != request_type_get_object) {
+        return false;
+    }
+
+    auto extra = extrasOf(this);
+    std::vector<reply_item_t> items;
+    bool stayOpen = false;
+    if (request->path().empty()) {
+        // The root lookup: one item for each root on the bus.
+        if (extra) {
+            for (const std::string& root : extra->roots) {
+                auto it = objects_.find(root);
+                items.push_back(reply_item_t::object(
+                    remote_object_t{root, it == objects_.end() ? variant_map_t{} : it->second}));
+            }
+        }
+        stayOpen = (request->attributes() & request_wait) != 0;
+    } else {
+        auto it = objects_.find(request->path());
+        if (it != objects_.end()) {
+            items.push_back(reply_item_t::object(remote_object_t{it->first, it->second}));
+        } else {
+            items.push_back(
+                reply_item_t::error(orv_error_not_found, "object not found", request->path()));
+        }
+        stayOpen = (request->attributes() & kStayOpen) != 0;
+    }
+
+    open_.push_back(open_t{request, sink});
+    if (!stayOpen && extra) {
+        extra->oneShot.insert(request->id());
+    }
+    if (!items.empty() || !stayOpen) {
+        post(request, std::move(items));
+    }
+    return true;
+}
+
+void orv_inproc_bus_t::forget(request_t* request) {
+    if (!request) {
+        return;
+    }
+    auto it = std::find_if(open_.begin(), open_.end(),
+                           [&](const open_t& o) { return o.request == request; });
+    if (it == open_.end()) {
+        return;
+    }
+    open_.erase(it);
+    if (auto extra = extrasOf(this)) {
+        extra->oneShot.erase(request->id());
+    }
+}
+
+bool orv_inproc_bus_t::notify(const notification_t* notification) {
+    if (!notification) {
+        return false;
+    }
+    notifications_.push_back(sent_notification_t{
+        loop_ ? loop_->now_us() : 0, notification->type(),
+        notification->objectPath() ? *notification->objectPath() : std::string(),
+        notification->parameters()});
+    return true;
+}
+
+std::vector<orv_inproc_bus_t::open_t> orv_inproc_bus_t::matching(std::string_view path) const {
+    std::vector<open_t> result;
+    for (const open_t& open : open_) {
+        if (open.request->path() == path) {
+            result.push_back(open);
+        }
+    }
+    return result;
+}
+
+void orv_inproc_bus_t::post(request_t* request, std::vector<reply_item_t> items) {
+    if (!loop_ || !request) {
+        return;
+    }
+    std::weak_ptr<bus_extra_t> token = extrasOf(this);
+    const std::uint32_t id = request->id();
+    loop_->defer([this, token, request, id, items = std::move(items)]() mutable {
+        auto extra = token.lock();
+        if (!extra) {
+            return;  // the bus is gone
+        }
+        // Skip requests that were forgotten since (the pointer is only
+        // followed while the request is open, hence alive).
+        auto it = std::find_if(open_.begin(), open_.end(),
+                               [&](const open_t& o) { return o.request == request; });
+        if (it == open_.end() || request->id() != id) {
+            return;
+        }
+        orv_request_sink_t* sink = it->sink;
+        if (extra->oneShot.erase(id) != 0) {
+            open_.erase(it);  // answered once: the bus side is done with it
+        }
+        sink->deliver(request, std::move(items));
+    });
+}

@@ -1,0 +1,94 @@
+#include "scheduler_time.h"
+
+#include <array>
+
+#include "orv/loop.h"
+#include "orv/trace.h"
+#include "scheduler_plugin_common.h"
+
+namespace {
+
+constexpr std::array<const char*, 6> kBaseNames = {"Once",   "Hourly",  "Daily",
+                                                   "Weekly", "Monthly", "Yearly"};
+
+// The longest period of each base, indexed by base - 1. Monthly and Yearly
+// take the longest month and year. Once has no limit: -1 read as unsigned.
+constexpr std::array<std::int32_t, 6> kMaxBoundaries = {-1, 3600, 86400, 604800, 2678400, 31622400};
+
+constexpr time_t kDay = 86400;
+
+bool isKnownBase(int base) {
+    return base >= time_base_once && base <= time_base_yearly;
+}
+
+// Clears the fields below the period's start. The daylight-saving flag stays
+// as it was for t, so across a switch the result is the wall-clock start of
+// the period read with t's offset, one hour off the physical instant.
+void truncateToPeriod(int base, struct tm* tm) {
+    switch (base) {
+        case time_base_yearly:
+            tm->tm_mon = 0;
+            [[fallthrough]];
+        case time_base_monthly:
+            tm->tm_mday = 1;
+            [[fallthrough]];
+        case time_base_daily:
+        case time_base_weekly:
+            tm->tm_hour = 0;
+            [[fallthrough]];
+        case time_base_hourly:
+            tm->tm_min = 0;
+            tm->tm_sec = 0;
+            break;
+        default:
+            break;
+    }
+}
+
+// Weeks start on Monday. The Monday is reached by whole days of 86400 s from
+// the local midnight of t's day, with the weekday of that midnight instant.
+time_t weekStart(time_t midnight, const struct tm& normalised) {
+    if (normalised.tm_wday == 0) {
+        tolvTraceZ(400, ME, "sunday");
+        return midnight - 6 * kDay;
+    }
+    return midnight - (normalised.tm_wday - 1) * kDay;
+}
+
+}  // namespace
+
+time_t time_getCurrentLocalTime() {
+    return static_cast<time_t>(orv_time_now());
+}
+
+time_t time_calculateReferenceTime(int base, time_t t) {
+    struct tm broken {};
+    localtime_r(&t, &broken);
+    truncateToPeriod(base, &broken);
+    time_t start = mktime(&broken);
+    switch (base) {
+        case time_base_once:
+            return 0;
+        case time_base_weekly:
+            return weekStart(start, broken);
+        default:
+            return isKnownBase(base) ? start : t;
+    }
+}
+
+std::int32_t time_getMaxBoundary(int base) {
+    return isKnownBase(base) ? kMaxBoundaries[base - 1] : 0;
+}
+
+int time_baseToEnum(std::string_view name) {
+    for (std::size_t i = 0; i < kBaseNames.size(); ++i) {
+        if (name == kBaseNames[i]) {
+            return static_cast<int>(i) + 1;
+        }
+    }
+    return time_base_unknown;
+}
+
+const char* time_baseToChar(int base) {
+    return isKnownBase(base) ? kBaseNames[base - 1] : nullptr;
+}
