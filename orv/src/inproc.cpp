@@ -3,29 +3,10 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
-#include <unordered_map>
 
 #include "orv/error.h"
 
 namespace {
-
-// What the header leaves no room for: the order in which roots appeared, the
-// one-shot requests that close after their first delivery, and a token that
-// tells deferred deliveries whether their bus still exists.
-struct bus_extra_t {
-    std::vector<std::string> roots;
-    std::set<std::uint32_t> oneShot;  // request ids
-};
-
-std::mutex g_extrasMutex;
-std::unordered_map<const orv_inproc_bus_t*, std::shared_ptr<bus_extra_t>> g_extras;
-
-std::shared_ptr<bus_extra_t> extrasOf(const orv_inproc_bus_t* bus) {
-    std::lock_guard lock(g_extrasMutex);
-    auto it = g_extras.find(bus);
-    return it == g_extras.end() ? nullptr : it->second;
-}
 
 std::string_view rootOf(std::string_view path) {
     const std::size_t dot = path.find('.');
@@ -37,25 +18,17 @@ constexpr std::uint32_t kStayOpen =
 
 }  // namespace
 
-orv_inproc_bus_t::orv_inproc_bus_t(orv_loop_t* loop) : loop_(loop) {
-    std::lock_guard lock(g_extrasMutex);
-    g_extras[this] = std::make_shared<bus_extra_t>();
-}
+orv_inproc_bus_t::orv_inproc_bus_t(orv_loop_t* loop) : loop_(loop) {}
 
-orv_inproc_bus_t::~orv_inproc_bus_t() {
-    std::lock_guard lock(g_extrasMutex);
-    g_extras.erase(this);
-}
+orv_inproc_bus_t::~orv_inproc_bus_t() = default;
 
 void orv_inproc_bus_t::publish(std::string_view path, variant_map_t parameters) {
     objects_[std::string(path)] = std::move(parameters);
-    auto extra = extrasOf(this);
     const std::string root(rootOf(path));
-    if (!extra || root.empty() ||
-        std::find(extra->roots.begin(), extra->roots.end(), root) != extra->roots.end()) {
+    if (root.empty() || std::find(roots_.begin(), roots_.end(), root) != roots_.end()) {
         return;
     }
-    extra->roots.push_back(root);
+    roots_.push_back(root);
     // The root is new: every open root lookup that waits hears of it.
     for (const open_t& open : matching("")) {
         if (!(open.request->attributes() & request_wait)) {
@@ -80,9 +53,7 @@ void orv_inproc_bus_t::unpublish(std::string_view path) {
         return rootOf(entry.first) == root;
     });
     if (!rootRemains) {
-        if (auto extra = extrasOf(this)) {
-            std::erase(extra->roots, std::string(root));
-        }
+        std::erase(roots_, std::string(root));
     }
 }
 
@@ -201,17 +172,14 @@ bool orv_inproc_bus_t::send(request_t* request, orv_request_sink_t* sink) {
         return false;
     }
 
-    auto extra = extrasOf(this);
     std::vector<reply_item_t> items;
     bool stayOpen = false;
     if (request->path().empty()) {
         // The root lookup: one item for each root on the bus.
-        if (extra) {
-            for (const std::string& root : extra->roots) {
-                auto it = objects_.find(root);
-                items.push_back(reply_item_t::object(
-                    remote_object_t{root, it == objects_.end() ? variant_map_t{} : it->second}));
-            }
+        for (const std::string& root : roots_) {
+            auto it = objects_.find(root);
+            items.push_back(reply_item_t::object(
+                remote_object_t{root, it == objects_.end() ? variant_map_t{} : it->second}));
         }
         stayOpen = (request->attributes() & request_wait) != 0;
     } else {
@@ -226,8 +194,8 @@ bool orv_inproc_bus_t::send(request_t* request, orv_request_sink_t* sink) {
     }
 
     open_.push_back(open_t{request, sink});
-    if (!stayOpen && extra) {
-        extra->oneShot.insert(request->id());
+    if (!stayOpen) {
+        oneShot_.insert(request->id());
     }
     if (!items.empty() || !stayOpen) {
         post(request, std::move(items));
@@ -245,9 +213,7 @@ void orv_inproc_bus_t::forget(request_t* request) {
         return;
     }
     open_.erase(it);
-    if (auto extra = extrasOf(this)) {
-        extra->oneShot.erase(request->id());
-    }
+    oneShot_.erase(request->id());
 }
 
 bool orv_inproc_bus_t::notify(const notification_t* notification) {
@@ -275,11 +241,10 @@ void orv_inproc_bus_t::post(request_t* request, std::vector<reply_item_t> items)
     if (!loop_ || !request) {
         return;
     }
-    std::weak_ptr<bus_extra_t> token = extrasOf(this);
+    std::weak_ptr<bool> token = alive_;
     const std::uint32_t id = request->id();
     loop_->defer([this, token, request, id, items = std::move(items)]() mutable {
-        auto extra = token.lock();
-        if (!extra) {
+        if (token.expired()) {
             return;  // the bus is gone
         }
         // Skip requests that were forgotten since (the pointer is only
@@ -290,7 +255,7 @@ void orv_inproc_bus_t::post(request_t* request, std::vector<reply_item_t> items)
             return;
         }
         orv_request_sink_t* sink = it->sink;
-        if (extra->oneShot.erase(id) != 0) {
+        if (oneShot_.erase(id) != 0) {
             open_.erase(it);  // answered once: the bus side is done with it
         }
         sink->deliver(request, std::move(items));

@@ -5,9 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
-#include <mutex>
-#include <unordered_map>
-#include <unordered_set>
 
 namespace {
 
@@ -72,32 +69,10 @@ class orv_virtual_loop_t::timer_t final : public orv_loop_timer_t {
     bool armed_ = false;
 };
 
-namespace {
-
-// The timers of each live virtual loop, so that a loop that ends before its
-// timers can detach them (the header leaves no room for this in the loop).
-std::mutex g_registryMutex;
-std::unordered_map<const orv_virtual_loop_t*, std::unordered_set<orv_loop_timer_t*>> g_registry;
-
-void registerTimer(const orv_virtual_loop_t* loop, orv_loop_timer_t* timer) {
-    std::lock_guard lock(g_registryMutex);
-    g_registry[loop].insert(timer);
-}
-
-void unregisterTimer(const orv_virtual_loop_t* loop, orv_loop_timer_t* timer) {
-    std::lock_guard lock(g_registryMutex);
-    auto it = g_registry.find(loop);
-    if (it != g_registry.end()) {
-        it->second.erase(timer);
-    }
-}
-
-}  // namespace
-
 orv_virtual_loop_t::timer_t::~timer_t() {
     disarm();
     if (loop_) {
-        unregisterTimer(loop_, this);
+        loop_->timers_.erase(this);
     }
 }
 
@@ -124,23 +99,12 @@ void orv_virtual_loop_t::timer_t::disarm() {
     armed_ = false;
 }
 
-orv_virtual_loop_t::orv_virtual_loop_t(std::int64_t start_us) : wall_offset_us_(start_us) {
-    std::lock_guard lock(g_registryMutex);
-    g_registry[this];
-}
+orv_virtual_loop_t::orv_virtual_loop_t(std::int64_t start_us) : wall_offset_us_(start_us) {}
 
 orv_virtual_loop_t::~orv_virtual_loop_t() {
-    {
-        std::lock_guard lock(g_registryMutex);
-        auto it = g_registry.find(this);
-        if (it != g_registry.end()) {
-            for (orv_loop_timer_t* timer : it->second) {
-                auto* own = static_cast<timer_t*>(timer);
-                own->armed_ = false;
-                own->loop_ = nullptr;
-            }
-            g_registry.erase(it);
-        }
+    for (timer_t* timer : timers_) {
+        timer->armed_ = false;
+        timer->loop_ = nullptr;
     }
     queue_.clear();
     orv_loop_t* self = this;
@@ -149,7 +113,7 @@ orv_virtual_loop_t::~orv_virtual_loop_t() {
 
 std::unique_ptr<orv_loop_timer_t> orv_virtual_loop_t::createTimer(std::function<void()> callback) {
     auto timer = std::make_unique<timer_t>(this, std::move(callback));
-    registerTimer(this, timer.get());
+    timers_.insert(timer.get());
     return timer;
 }
 

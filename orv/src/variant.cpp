@@ -113,9 +113,10 @@ std::optional<number_t> parseInteger(std::string_view text) {
     return number_t::ofSigned(static_cast<std::int64_t>(magnitude));
 }
 
-// A text that strtod reads completely (no leading blanks, no overflow).
+// A decimal number that strtod reads completely: no leading blanks, no
+// overflow, and none of strtod's other forms (hexadecimal, "nan", "inf").
 std::optional<double> parseDouble(std::string_view text) {
-    if (text.empty() || std::isspace(static_cast<unsigned char>(text.front())) != 0) {
+    if (text.empty() || text.find_first_not_of("0123456789+-.eE") != std::string_view::npos) {
         return std::nullopt;
     }
     const std::string copy(text);

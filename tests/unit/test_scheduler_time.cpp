@@ -9,20 +9,9 @@
 
 #include "orv/trace.h"
 #include "scheduler_time.h"
+#include "time_zone.h"
 
 namespace {
-
-class time_zone_t {
-  public:
-    explicit time_zone_t(const char* zone) {
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~time_zone_t() {
-        setenv("TZ", "UTC", 1);
-        tzset();
-    }
-};
 
 struct reference_row_t {
     const char* zone;
@@ -64,7 +53,7 @@ const std::vector<reference_row_t> kReferenceRows = {
 
 TEST(SchedulerTime, ReferenceTimes) {
     for (const reference_row_t& row : kReferenceRows) {
-        time_zone_t zone(row.zone);
+        scoped_time_zone_t zone(row.zone);
         EXPECT_EQ(time_calculateReferenceTime(row.base, row.t), row.expected)
             << row.zone << " t=" << row.t << " base=" << row.base << " " << row.note;
     }
@@ -73,7 +62,7 @@ TEST(SchedulerTime, ReferenceTimes) {
 // Whatever the time, the reference is not later than t and the offset stays
 // inside the period.
 TEST(SchedulerTime, OffsetStaysInsideThePeriod) {
-    time_zone_t zone("Europe/Berlin");
+    scoped_time_zone_t zone("Europe/Berlin");
     for (int base = time_base_hourly; base <= time_base_yearly; ++base) {
         for (time_t t = 1672531200; t < 1704067200; t += 7 * 3600 + 13) {
             time_t reference = time_calculateReferenceTime(base, t);
@@ -84,7 +73,7 @@ TEST(SchedulerTime, OffsetStaysInsideThePeriod) {
 }
 
 TEST(SchedulerTime, SundayIsTraced) {
-    time_zone_t zone("UTC");
+    scoped_time_zone_t zone("UTC");
     std::vector<std::string> lines;
     tolvTraceReset();
     tolvTraceAddZone(400, "scheduler_plugin");

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -68,7 +69,13 @@ class orv_inproc_bus_t final : public orv_transport_t {
 
     orv_loop_t* loop_;
     std::map<std::string, variant_map_t, std::less<>> objects_;
+    // Roots in the order they appeared: root lookups list them in that order.
+    std::vector<std::string> roots_;
     std::vector<open_t> open_;
+    // Requests that close after their first delivery, by id.
+    std::set<std::uint32_t> oneShot_;
+    // Deliveries wait on the loop; this token tells them the bus still exists.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     std::vector<call_t> calls_;
     std::vector<sent_notification_t> notifications_;
 };

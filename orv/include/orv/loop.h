@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -82,4 +83,7 @@ class orv_virtual_loop_t final : public orv_loop_t {
     // (deadline, arming sequence) -> timer: equal deadlines fire in arming order.
     std::map<std::pair<std::int64_t, std::uint64_t>, timer_t*> queue_;
     std::vector<std::function<void()>> deferred_;
+    // Every timer made by this loop, so that a loop that ends first can
+    // detach the timers that outlive it.
+    std::unordered_set<timer_t*> timers_;
 };
