@@ -21,6 +21,20 @@ std::optional<std::string> textOf(const variant_map_t* map, const char* key) {
     return variant_toChar(variant_map_find(map, key));
 }
 
+// Entry times are unsigned on the bus but read as signed by the schedule
+// logic, so a negative 32-bit number is taken in its two's complement form:
+// verification then judges it like any other out-of-range offset.
+std::optional<std::uint32_t> entryTime(const variant_map_t* map, const char* key) {
+    const variant_t* value = variant_map_find(map, key);
+    if (std::optional<std::uint32_t> time = variant_toUInt32(value)) {
+        return time;
+    }
+    if (std::optional<std::int32_t> negative = variant_toInt32(value)) {
+        return static_cast<std::uint32_t>(*negative);
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::unique_ptr<schedule_entry_t> variant2schedule_entry_t(const variant_t* variant) {
@@ -35,13 +49,13 @@ std::unique_ptr<schedule_entry_t> variant2schedule_entry_t(const variant_t* vari
         return nullptr;
     }
     record->state = std::move(*state);
-    std::optional<std::uint32_t> begin = variant_toUInt32(variant_map_find(map, "begin"));
+    std::optional<std::uint32_t> begin = entryTime(map, "begin");
     if (!begin) {
         tolvTrace(100, "Cannot find begin");
         return nullptr;
     }
     record->begin = *begin;
-    std::optional<std::uint32_t> end = variant_toUInt32(variant_map_find(map, "end"));
+    std::optional<std::uint32_t> end = entryTime(map, "end");
     if (!end) {
         tolvTrace(100, "Cannot find end");
         return nullptr;

@@ -10,6 +10,7 @@
 #include "orv/string.h"
 #include "orv/trace.h"
 #include "orv/variant.h"
+#include "scheduler_peeklist.h"
 #include "scheduler_plugin_common.h"
 #include "scheduler_time.h"
 
@@ -118,6 +119,7 @@ bool initialize(orv_context_t* context) {
 void cleanup() {
     tolvTraceZ(400, ME, "Cleaning up scheduler_plugin plugin");
     destroyTimers();
+    peeklist_removeComleteList();
     string_list_cleanup(&saveList);
     ntpSynchronized = false;
     pluginContext = nullptr;

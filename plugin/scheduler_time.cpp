@@ -55,6 +55,20 @@ time_t weekStart(time_t midnight, const struct tm& normalised) {
     return midnight - (normalised.tm_wday - 1) * kDay;
 }
 
+// The start of the month or year after t's, computed like the reference time:
+// from t's broken-down time with its daylight-saving flag kept.
+time_t nextPeriodStart(int base, time_t t) {
+    struct tm broken {};
+    localtime_r(&t, &broken);
+    truncateToPeriod(base, &broken);
+    if (base == time_base_yearly) {
+        broken.tm_year += 1;
+    } else {
+        broken.tm_mon += 1;
+    }
+    return mktime(&broken);
+}
+
 }  // namespace
 
 time_t time_getCurrentLocalTime() {
@@ -78,6 +92,14 @@ time_t time_calculateReferenceTime(int base, time_t t) {
 
 std::int32_t time_getMaxBoundary(int base) {
     return isKnownBase(base) ? kMaxBoundaries[base - 1] : 0;
+}
+
+std::int64_t time_getPeriodLength(int base, time_t t) {
+    if (base != time_base_monthly && base != time_base_yearly) {
+        return time_getMaxBoundary(base);
+    }
+    return static_cast<std::int64_t>(nextPeriodStart(base, t)) -
+           static_cast<std::int64_t>(time_calculateReferenceTime(base, t));
 }
 
 int time_baseToEnum(std::string_view name) {

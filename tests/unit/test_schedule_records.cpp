@@ -41,8 +41,11 @@ TEST_F(RecordTest, EntryFromMap) {
         {R"({"begin":1,"end":2})", false, "[x]Cannot find state"},
         {R"({"state":"on","end":2})", false, "[x]Cannot find begin"},
         {R"({"state":"on","begin":1})", false, "[x]Cannot find end"},
+        // A negative time is kept in its unsigned form; verification judges it.
+        {R"({"state":"on","begin":-10,"end":2})", true, ""},
         // A value that does not convert counts as missing.
-        {R"({"state":"on","begin":-1,"end":2})", false, "[x]Cannot find begin"},
+        {R"({"state":"on","begin":4294967296,"end":2})", false, "[x]Cannot find begin"},
+        {R"({"state":"on","begin":"soon","end":2})", false, "[x]Cannot find begin"},
         {R"({"state":[],"begin":1,"end":2})", false, "[x]Cannot find state"},
         {R"([{"state":"on","begin":1,"end":2}])", false, "[x]Not a variant map"},
         {R"("on")", false, "[x]Not a variant map"},

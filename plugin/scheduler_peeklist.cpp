@@ -1,0 +1,285 @@
+#include "scheduler_peeklist.h"
+
+#include <limits>
+#include <list>
+#include <optional>
+#include <vector>
+
+#include "orv/object.h"
+#include "orv/trace.h"
+#include "scheduler_entry.h"
+#include "scheduler_plugin_common.h"
+#include "scheduler_time.h"
+
+namespace {
+
+// The agenda. Entries run in ascending time; among equal times the entry
+// added last comes first.
+std::list<peeklist_entry_ptr> globalPeeklist;
+
+constexpr std::int64_t kLongestTimeoutMs = std::numeric_limits<std::uint32_t>::max();
+
+}  // namespace
+
+bool peeklist_addEntry(peeklist_entry_ptr entry) {
+    if (!entry) {
+        tolvTrace(100, "Cannot add a NULL pointer to the peek list");
+        return false;
+    }
+    auto position = globalPeeklist.begin();
+    while (position != globalPeeklist.end() && (*position)->time < entry->time) {
+        ++position;
+    }
+    globalPeeklist.insert(position, std::move(entry));
+    return true;
+}
+
+void peeklist_removeEntry(const object_t* object) {
+    for (auto it = globalPeeklist.begin(); it != globalPeeklist.end(); ++it) {
+        if ((*it)->object == object) {
+            globalPeeklist.erase(it);
+            return;
+        }
+    }
+}
+
+void peeklist_removeComleteList() {
+    globalPeeklist.clear();
+}
+
+peeklist_entry_ptr peeklist_takeFirstTimedOutEntry(time_t now) {
+    if (globalPeeklist.empty() || globalPeeklist.front()->time > now) {
+        return nullptr;
+    }
+    peeklist_entry_ptr head = std::move(globalPeeklist.front());
+    globalPeeklist.pop_front();
+    return head;
+}
+
+std::int64_t peeklist_getNextTimeOut(time_t now) {
+    if (globalPeeklist.empty()) {
+        return -1;
+    }
+    std::int64_t seconds =
+        static_cast<std::int64_t>(globalPeeklist.front()->time) - static_cast<std::int64_t>(now);
+    if (seconds > kLongestTimeoutMs / 1000) {
+        return kLongestTimeoutMs;
+    }
+    return seconds * 1000;
+}
+
+const peeklist_entry_t* peeklist_getGlobalPeeklist() {
+    return globalPeeklist.empty() ? nullptr : globalPeeklist.front().get();
+}
+
+const peeklist_entry_t* peeklist_getNextEntry() {
+    if (globalPeeklist.size() < 2) {
+        return nullptr;
+    }
+    return std::next(globalPeeklist.begin())->get();
+}
+
+bool peeklist_setNextEventTime(time_t t) {
+    if (globalPeeklist.empty()) {
+        return false;
+    }
+    globalPeeklist.front()->time = t;
+    return true;
+}
+
+std::size_t peeklist_size() {
+    return globalPeeklist.size();
+}
+
+// ---------------------------------------------------------------------------
+// The next change of one schedule.
+
+namespace {
+
+// A search gives up after this many shifted periods; entries that pass
+// verification never need more than one.
+constexpr int kMaxPeriodShifts = 4;
+
+struct offset_entry_t {
+    std::int64_t begin;
+    std::int64_t end;
+    std::string state;
+};
+
+// What a step of the search decided.
+struct found_t {
+    std::int64_t offset;  // from the reference time
+    std::string state;
+    bool isEvent = false;
+};
+
+// The schedule as the search reads it: its entries with signed offsets, its
+// default state, and the geometry of the period that contains t.
+struct search_t {
+    std::vector<offset_entry_t> entries;
+    std::string defaultState;
+    int base = time_base_unknown;
+    std::int64_t period = 0;  // max, or the calendar length for Monthly and Yearly
+    std::int64_t ref = 0;
+    std::int64_t rel = 0;
+};
+
+// The stored entries, converted once. A list that holds an element that is
+// not an entry gives no result.
+std::optional<std::vector<offset_entry_t>> convertEntries(const variant_list_t& list) {
+    std::vector<offset_entry_t> entries;
+    entries.reserve(list.size());
+    for (const variant_t& element : list) {
+        std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
+        if (!entry) {
+            tolvTrace(100, "not a valid variant entry");
+            return std::nullopt;
+        }
+        entries.push_back({static_cast<std::int32_t>(entry->begin),
+                           static_cast<std::int32_t>(entry->end), std::move(entry->state)});
+    }
+    return entries;
+}
+
+// Run following reads the bound unsigned: "Once" has -1, no limit at all.
+bool belowRunBound(const search_t& search, std::int64_t runEnd) {
+    return search.base == time_base_once || runEnd < search.period;
+}
+
+// The run that starts with entry e continues while entries follow without a
+// gap and with the same state; the change is at the run's end. shift places
+// the run in a later period. nullopt: the whole period is one run.
+std::optional<found_t> followRun(const search_t& search, std::size_t e, std::int64_t shift) {
+    const offset_entry_t& first = search.entries[e];
+    std::int64_t runEnd = shift + first.end;
+    tolvTraceZ(400, ME, "endtime = %ld < max = %ld", static_cast<long>(runEnd),
+               static_cast<long>(search.period));
+    for (std::size_t f = e + 1; f < search.entries.size() && belowRunBound(search, runEnd); ++f) {
+        const offset_entry_t& next = search.entries[f];
+        tolvTraceZ(400, ME, "Next event detected in current timeslot");
+        if (shift + next.begin != runEnd) {
+            return found_t{runEnd, search.defaultState};
+        }
+        if (next.state != first.state) {
+            return found_t{runEnd, next.state};
+        }
+        runEnd = shift + next.end;
+    }
+    tolvTrace(200, "next timeslot");
+    for (const offset_entry_t& next : search.entries) {
+        std::int64_t nextBegin = shift + search.period + next.begin;
+        tolvTrace(200, "endtime=%ld e2+m=%ld", static_cast<long>(runEnd),
+                  static_cast<long>(nextBegin));
+        if (nextBegin != runEnd) {
+            return found_t{runEnd, search.defaultState};
+        }
+        if (next.state != first.state) {
+            return found_t{runEnd, next.state};
+        }
+        runEnd = shift + search.period + next.end;
+    }
+    return std::nullopt;
+}
+
+std::optional<found_t> nextPeriodSearch(const search_t& search, std::int64_t shift, int depth);
+
+// The first change after rel inside the current period, or the end of the
+// run in force at rel.
+std::optional<found_t> currentPeriodSearch(const search_t& search) {
+    for (std::size_t x = 0; x < search.entries.size(); ++x) {
+        const offset_entry_t& entry = search.entries[x];
+        if (search.rel < entry.begin) {
+            tolvTrace(200, "now=before begin");
+            bool isEvent = entry.begin == entry.end;
+            if (isEvent) {
+                tolvTrace(200, "isEvent:begin==end");
+            }
+            return found_t{entry.begin, entry.state, isEvent};
+        }
+        if (search.rel < entry.end) {
+            tolvTrace(200, "before end (%ld - %ld)", static_cast<long>(search.rel),
+                      static_cast<long>(entry.end));
+            if (std::optional<found_t> found = followRun(search, x, 0)) {
+                return found;
+            }
+            return nextPeriodSearch(search, 0, 0);
+        }
+    }
+    return nextPeriodSearch(search, 0, 0);
+}
+
+// The entries repeat one period later: the first one that begins after rel,
+// or the run in force at rel in that later period.
+std::optional<found_t> nextPeriodSearch(const search_t& search, std::int64_t shift, int depth) {
+    tolvTrace(200, "No more entry found in this timeslot, try next timeslot");
+    if (search.entries.empty() || depth >= kMaxPeriodShifts) {
+        return std::nullopt;
+    }
+    const std::int64_t next = shift + search.period;
+    for (std::size_t h = 0; h < search.entries.size(); ++h) {
+        const offset_entry_t& entry = search.entries[h];
+        tolvTrace(200, "main loop");
+        tolvTrace(200, "%ld - %ld", static_cast<long>(search.rel),
+                  static_cast<long>(next + entry.begin));
+        if (search.rel < next + entry.begin) {
+            tolvTrace(200, "now=before begin");
+            return found_t{next + entry.begin, entry.state, entry.begin == entry.end};
+        }
+        if (search.rel < next + entry.end) {
+            tolvTrace(200, "before end (%ld - %ld)", static_cast<long>(search.rel),
+                      static_cast<long>(next + entry.end));
+            if (std::optional<found_t> found = followRun(search, h, next)) {
+                return found;
+            }
+            return nextPeriodSearch(search, next, depth + 1);
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<search_t> prepareSearch(const object_t* object, time_t t) {
+    const auto* properties = object_getUserData<scheduleentry_properties_t>(object);
+    if (properties == nullptr || !properties->entries) {
+        tolvTrace(100, "could not get schedule user data");
+        return std::nullopt;
+    }
+    search_t search;
+    search.base = time_baseToEnum(variant_char(object_parameterValue(object, "Base")).value_or(""));
+    std::optional<std::string> defaultState =
+        variant_char(object_parameterValue(object, "Default"));
+    if (!defaultState) {
+        tolvTrace(100, "could not get the default value");
+        return std::nullopt;
+    }
+    search.defaultState = std::move(*defaultState);
+    search.period = time_getPeriodLength(search.base, t);
+    search.ref = time_calculateReferenceTime(search.base, t);
+    tolvTrace(200, "now=%ld, ref=%ld", static_cast<long>(t), static_cast<long>(search.ref));
+    search.rel = static_cast<std::int64_t>(t) - search.ref;
+    std::optional<std::vector<offset_entry_t>> entries = convertEntries(*properties->entries);
+    if (!entries) {
+        return std::nullopt;
+    }
+    search.entries = std::move(*entries);
+    return search;
+}
+
+}  // namespace
+
+peeklist_entry_ptr peeklist_createNextEntry(object_t* object, time_t t) {
+    tolvTraceZ(400, ME, "\"peeklist_createNextEntry\" called");
+    std::optional<search_t> search = prepareSearch(object, t);
+    if (!search) {
+        return nullptr;
+    }
+    std::optional<found_t> found = currentPeriodSearch(*search);
+    if (!found) {
+        return nullptr;
+    }
+    auto entry = std::make_unique<peeklist_entry_t>();
+    entry->object = object;
+    entry->time = static_cast<time_t>(search->ref + found->offset);
+    entry->state = std::move(found->state);
+    entry->isEvent = found->isEvent ? 1 : 0;
+    return entry;
+}
