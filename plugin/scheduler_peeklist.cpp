@@ -8,7 +8,9 @@
 #include "orv/object.h"
 #include "orv/trace.h"
 #include "scheduler_entry.h"
+#include "scheduler_plugin.h"
 #include "scheduler_plugin_common.h"
+#include "scheduler_schedule.h"
 #include "scheduler_time.h"
 
 namespace {
@@ -282,4 +284,107 @@ peeklist_entry_ptr peeklist_createNextEntry(object_t* object, time_t t) {
     entry->state = std::move(found->state);
     entry->isEvent = found->isEvent ? 1 : 0;
     return entry;
+}
+
+// ---------------------------------------------------------------------------
+// Temporary overrides and the rebuild of the whole agenda.
+
+namespace {
+
+bool hasTemporaryOverride(const object_t* object) {
+    return variant_bool(object_parameterValue(object, "TemporaryOverride"));
+}
+
+void publishNextStateChange(object_t* object, time_t time) {
+    struct tm local {};
+    localtime_r(&time, &local);
+    object_parameterSetDateTimeValue(object, "NextStateChange", &local);
+    object_commit(object);
+}
+
+// What a rebuild needs to know of one schedule to bring it to its state.
+struct state_inputs_t {
+    int base = time_base_unknown;
+    std::shared_ptr<const variant_list_t> entries;
+    std::string defaultState;
+    std::string currentState;
+};
+
+std::optional<state_inputs_t> readStateInputs(const object_t* object) {
+    state_inputs_t inputs;
+    inputs.base = time_baseToEnum(variant_char(object_parameterValue(object, "Base")).value_or(""));
+    const auto* properties = object_getUserData<scheduleentry_properties_t>(object);
+    if (properties == nullptr || !properties->entries) {
+        tolvTrace(100, "Could not get schedule data");
+        return std::nullopt;
+    }
+    inputs.entries = properties->entries;
+    std::optional<std::string> defaultState = variant_char(object_parameterValue(object, "Default"));
+    if (!defaultState) {
+        tolvTrace(100, "could not get the default value");
+        return std::nullopt;
+    }
+    inputs.defaultState = std::move(*defaultState);
+    std::optional<std::string> current = variant_char(object_parameterValue(object, "CurrentState"));
+    if (!current) {
+        tolvTrace(100, "could not get the currentstate");
+        return std::nullopt;
+    }
+    inputs.currentState = std::move(*current);
+    return inputs;
+}
+
+// Plans the schedule's next change for now and applies the state it holds
+// at now when that differs from its current state.
+bool recalculateOne(object_t* object, time_t now) {
+    if (!peeklist_addEntry(
+            adjust_for_temporary_override(object, peeklist_createNextEntry(object, now)))) {
+        tolvTrace(100, "Error calculating the next event time");
+        return false;
+    }
+    std::optional<state_inputs_t> inputs = readStateInputs(object);
+    if (!inputs) {
+        return false;
+    }
+    std::optional<std::string> state =
+        schedule_currentState(*inputs->entries, inputs->base, now, inputs->defaultState);
+    if (state && *state != inputs->currentState && !orv_plugin_setStateRPC(object, *state)) {
+        tolvTrace(100, "Could not call the setState() RPC");
+    }
+    return true;
+}
+
+}  // namespace
+
+peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entry_ptr entry) {
+    tolvTraceIn(ME);
+    if (!entry || !hasTemporaryOverride(object)) {
+        tolvTraceOut(ME);
+        return entry;
+    }
+    tolvTraceZ(400, ME, "Adjusting peeklist for temporary override");
+    std::optional<std::string> current = variant_char(object_parameterValue(object, "CurrentState"));
+    if (!current || *current != entry->state) {
+        tolvTraceOut(ME);
+        return entry;
+    }
+    // The change would set the state the override holds already, so it would
+    // not end the override: the change after it does.
+    peeklist_entry_ptr next = peeklist_createNextEntry(object, entry->time);
+    if (next) {
+        publishNextStateChange(object, next->time);
+    }
+    tolvTraceOut(ME);
+    return next;
+}
+
+bool peeklist_recalculate(time_t now) {
+    std::list<peeklist_entry_ptr> old;
+    old.swap(globalPeeklist);
+    for (const peeklist_entry_ptr& entry : old) {
+        if (!recalculateOne(entry->object, now)) {
+            return false;
+        }
+    }
+    return true;
 }

@@ -45,3 +45,11 @@ std::size_t peeklist_size();
 // The schedule's first state change strictly after t, or null when it has
 // none (no entries, or a "Once" schedule that is over).
 peeklist_entry_ptr peeklist_createNextEntry(object_t* object, time_t t);
+
+// The entry to plan once a temporary override is taken into account: when the
+// change would set the state the override already holds, the change after it
+// replaces it and becomes NextStateChange. Accepts null.
+peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entry_ptr entry);
+// Recomputes every planned change for now and brings each of those schedules
+// to the state it holds at now. False after the first failure.
+bool peeklist_recalculate(time_t now);

@@ -10,15 +10,20 @@
 #include "orv/string.h"
 #include "orv/trace.h"
 #include "orv/variant.h"
+#include "orv/variant_list.h"
+#include "scheduler_entry.h"
 #include "scheduler_peeklist.h"
 #include "scheduler_plugin_common.h"
+#include "scheduler_simulation.h"
 #include "scheduler_time.h"
+#include "scheduler_type.h"
 
 namespace {
 
 constexpr std::uint32_t kClientAttributeTimeout = 3;
 constexpr std::uint32_t kClientTimeoutMs = 60000;
 constexpr std::uint32_t kLookupFlags = request_wait;
+constexpr std::uint32_t kSaveDelayMs = 5000;
 constexpr std::uint32_t kSubscriptionFlags =
     request_getObject_parameters | request_notify_subscribe | request_notify_values_changed |
     request_notify_object_added | request_notify_object_deleted | request_notify_custom;
@@ -206,6 +211,96 @@ bool createSubscription(orv_context_t* context, peer_info_t* peer, const char* p
     return true;
 }
 
+// --- Dispatch of due changes ---------------------------------------------
+
+void setNextStateChange(object_t* object, time_t time) {
+    struct tm local {};
+    localtime_r(&time, &local);
+    if (!object_parameterSetDateTimeValue(object, "NextStateChange", &local)) {
+        tolvTrace(100, "Could not set nextstatechange");
+    }
+    object_commit(object);
+}
+
+// Plans the change that follows an applied one: searched from now + 1, so
+// that the applied change is never found due again in the same second.
+void planFollowingChange(object_t* object, time_t now) {
+    peeklist_entry_ptr next =
+        adjust_for_temporary_override(object, peeklist_createNextEntry(object, now + 1));
+    if (!next) {
+        tolvTraceZ(300, ME, "No next event found");
+        return;
+    }
+    const time_t nextTime = next->time;
+    object_t* nextObject = next->object;
+    if (!peeklist_addEntry(std::move(next))) {
+        tolvTrace(100, "Error calculating the next event time");
+    } else {
+        setNextStateChange(nextObject, nextTime);
+    }
+    tolvTraceZ(400, ME, "Now = %ld next =  %ld", static_cast<long>(now),
+               static_cast<long>(nextTime));
+}
+
+void applyState(const peeklist_entry_t& entry, bool simulate) {
+    if (simulate) {
+        registerEvent("setStateRPC", entry);
+        tolvTraceZ(400, ME, "registerEvent");
+        return;
+    }
+    object_parameterSetBoolValue(entry.object, "TemporaryOverride", false);
+    object_commit(entry.object);
+    if (!orv_plugin_setStateRPC(entry.object, entry.state)) {
+        tolvTrace(100, "Could not call the setState routine");
+    }
+}
+
+void applyDueEntry(const peeklist_entry_t& entry, time_t now, bool simulate) {
+    std::optional<std::string> current =
+        variant_char(object_parameterValue(entry.object, "CurrentState"));
+    if (!current) {
+        tolvTrace(100, "Could not get the current state");
+        return;
+    }
+    tolvTraceZ(400, ME, "Schedule event(%d), changing to %s", entry.isEvent, entry.state.c_str());
+    tolvTraceZ(400, ME, "Schedule event(%d), currentState %s nextState %s", entry.isEvent,
+               current->c_str(), entry.state.c_str());
+    if (*current != entry.state) {
+        applyState(entry, simulate);
+    }
+    planFollowingChange(entry.object, now);
+}
+
+std::uint32_t timeoutAfter(time_t now) {
+    // Every due entry has been taken, so the head lies ahead: the time-out is
+    // between 1000 and the clamp, or -1 (the longest) for an empty agenda.
+    return static_cast<std::uint32_t>(peeklist_getNextTimeOut(now));
+}
+
+// --- Calling the client -----------------------------------------------------
+
+std::unique_ptr<request_t> buildSetStateRequest(const char* path, const std::string& id,
+                                                const std::string& state) {
+    std::unique_ptr<request_t> request = request_create_executeFunction(path, "setState", 0);
+    if (!request) {
+        tolvTrace(100, "Failed to create request");
+        return nullptr;
+    }
+    variant_t value;
+    const std::pair<const char*, const std::string*> arguments[] = {{"ID", &id}, {"state", &state}};
+    for (const auto& [name, text] : arguments) {
+        if (!variant_setChar(&value, *text)) {
+            tolvTrace(100, "Failed to set value");
+            return nullptr;
+        }
+        if (!request_addParameter(request.get(), name, &value)) {
+            tolvTrace(100, "Failed to add parameter");
+            return nullptr;
+        }
+    }
+    return request;
+}
+
 void eventTimerHandler(orv_timer_t* timer) {
     time_t now = time_getCurrentLocalTime();
     if (!ntpSynchronized) {
@@ -266,11 +361,314 @@ void orv_plugin_eventTimerHandler(orv_timer_t* timer, void* /*userdata*/) noexce
     });
 }
 
-// The agenda and the dispatch of due changes are not built yet: with nothing
-// planned, the timer is armed with the longest time-out.
-void orv_plugin_eventTimerHandler_sim(time_t /*now*/, int /*recalculate*/, std::uint32_t* timeout,
-                                      bool /*simulate*/) {
-    *timeout = std::numeric_limits<std::uint32_t>::max();
+void orv_plugin_eventTimerHandler_sim(time_t now, int recalculate, std::uint32_t* timeout,
+                                      bool simulate) {
+    tolvTraceIn(ME);
+    if (recalculate == 1) {
+        tolvTraceZ(400, ME, "recalculate peeklist");
+        if (!peeklist_recalculate(now)) {
+            tolvTrace(100, "Peeklist Recalculation failed");
+        }
+    }
+    while (peeklist_entry_ptr entry = peeklist_takeFirstTimedOutEntry(now)) {
+        applyDueEntry(*entry, now, simulate);
+    }
+    *timeout = timeoutAfter(now);
+    tolvTraceZ(400, ME, "Timeout is set to %u", *timeout);
+    tolvTraceOut(ME);
+}
+
+bool orv_plugin_setStateRPC(object_t* instance, const std::string& state) {
+    object_t* schedules = object_parent(instance);
+    if (schedules == nullptr) {
+        tolvTrace(100, "Could not get schedule template");
+        return false;
+    }
+    object_t* type = object_parent(schedules);
+    if (type == nullptr) {
+        tolvTrace(100, "Could not get schedulertype instance");
+        return false;
+    }
+    const char* path = variant_da_char(object_parameterValue(type, "Path"));
+    if (path == nullptr) {
+        tolvTrace(100, "Could not get remote object path");
+        return false;
+    }
+    std::optional<std::string> id = variant_char(object_parameterValue(instance, "ID"));
+    if (!id) {
+        tolvTrace(100, "Could not get ID");
+        return false;
+    }
+    tolvTraceZ(300, ME, "setState called for [%s] with ID:[%s] and value:[%s]", path, id->c_str(),
+               state.c_str());
+    bool sent = setState(type, *id, state);
+    if (!object_parameterSetCharValue(instance, "CurrentState", sent ? state : "Unsynchronized")) {
+        tolvTrace(100, "Could not set CurrentState");
+        return false;
+    }
+    object_commit(instance);
+    return true;
+}
+
+bool setState(object_t* typeInstance, const std::string& id, const std::string& state) {
+    const char* path = variant_da_char(object_parameterValue(typeInstance, "Path"));
+    if (busPeer == nullptr || path == nullptr) {
+        tolvTrace(100, "Invalid parameters specified");
+        return false;
+    }
+    if (!ntpSynchronized) {
+        tolvTrace(200, "NTP was not synced, not calling setstate for %s [%s]", id.c_str(),
+                  state.c_str());
+        return false;
+    }
+    orv_context_t* context = orv_fromConnection(peer_connection(busPeer));
+    if (context == nullptr) {
+        tolvTrace(100, "Invalid destination specified");
+        return false;
+    }
+    std::unique_ptr<request_t> request = buildSetStateRequest(path, id, state);
+    if (!request) {
+        tolvTrace(100, "Failed to build request");
+        return false;
+    }
+    request_t* sent = orv_sendRequest(context, busPeer, std::move(request));
+    if (sent == nullptr) {
+        tolvTrace(100, "Failed to send request");
+        return false;
+    }
+    // The client's answer is not awaited.
+    request_destroy(sent);
+    return true;
+}
+
+void scheduleModified(const std::string& type) {
+    tolvTraceZ(400, ME, "schedule was modified, type %s will be updated", type.c_str());
+    if (!string_list_contains(&saveList, type) && !string_list_append(&saveList, type)) {
+        tolvTrace(100, "could not append save string");
+    }
+    if (!orv_timer_start(saveTimer.get(), kSaveDelayMs)) {
+        tolvTrace(100, "could not start save timer");
+    }
+    for (const std::string& name : saveList) {
+        tolvTraceZ(400, ME, "saveobject contains: %s", name.c_str());
+    }
 }
 
 void orv_plugin_saveTimerHandler(orv_timer_t* /*timer*/, void* /*userdata*/) noexcept {}
+
+// --- Type operations ----------------------------------------------------------
+
+namespace {
+
+void addRegisteredSchedules(object_t* typeInstance, const std::string& type,
+                            const variant_list_t& schedules) {
+    for (const variant_t& element : schedules) {
+        std::unique_ptr<schedule_t> schedule = variant2schedule_t(&element);
+        if (!schedule || !scheduleentry_addInstance(typeInstance, schedule.get(), true)) {
+            tolvTrace(100, "Failed to add instance for type %s", type.c_str());
+        }
+    }
+}
+
+object_t* typesObject(object_t* object) {
+    bool match = false;
+    object_t* types = object_getObject(object, "Types", 0, &match);
+    return match ? types : nullptr;
+}
+
+}  // namespace
+
+bool registerScheduleType(object_t* object, const std::optional<std::string>& type,
+                          const std::optional<std::string>& path,
+                          std::optional<variant_list_t> states,
+                          const std::optional<variant_list_t>& schedules) {
+    tolvTraceIn(ME);
+    if (!type || !path || !states) {
+        tolvTrace(100, "invalid parameter values");
+        tolvTraceOut(ME);
+        return false;
+    }
+    object_t* typeInstance = schedulertype_addInstance(object, *type, *path, std::move(*states));
+    if (typeInstance == nullptr) {
+        tolvTrace(100, "Could not add types instance");
+        tolvTraceOut(ME);
+        return false;
+    }
+    if (schedules) {
+        addRegisteredSchedules(typeInstance, *type, *schedules);
+    }
+    tolvTraceOut(ME);
+    return true;
+}
+
+bool unregisterScheduleType(object_t* object, const std::optional<std::string>& type) {
+    tolvTraceIn(ME);
+    if (!type) {
+        tolvTrace(100, "invalid parameter values");
+        tolvTraceOut(ME);
+        return false;
+    }
+    tolvTraceZ(400, ME, "Removing all schedules of type %s", type->c_str());
+    object_t* typeInstance = schedulertype_getSpecificScheduler(object, *type);
+    if (typeInstance == nullptr) {
+        tolvTrace(100, "could not find schedulertype instance");
+        tolvTraceOut(ME);
+        return false;
+    }
+    // Deleting the type takes its schedules with it; their destroy handlers
+    // drop their planned changes.
+    object_delete(typeInstance);
+    object_commit(typeInstance);
+    tolvTraceOut(ME);
+    return true;
+}
+
+bool getScheduleTypes(object_t* object, variant_list_t* list) {
+    tolvTraceIn(ME);
+    if (list == nullptr) {
+        tolvTrace(100, "Not a valid parameter value");
+        tolvTraceOut(ME);
+        return false;
+    }
+    object_t* types = typesObject(object);
+    if (types == nullptr) {
+        tolvTrace(100, "Could not find Types object");
+        tolvTraceOut(ME);
+        return false;
+    }
+    for (object_t* instance = object_firstInstance(types); instance != nullptr;
+         instance = object_nextInstance(instance)) {
+        variant_list_addChar(list,
+                             variant_char(object_parameterValue(instance, "Type")).value_or(""));
+    }
+    tolvTraceOut(ME);
+    return true;
+}
+
+// --- Schedule operations ------------------------------------------------------
+
+bool addSchedule(object_t* object, const std::optional<std::string>& type,
+                 const schedule_t* schedule) {
+    tolvTraceIn(ME);
+    if (!type || schedule == nullptr || !schedule->schedule) {
+        tolvTrace(100, "invalid parameter values ; type=%p info=%p info_schedule=%p",
+                  type ? static_cast<const void*>(type->c_str()) : nullptr,
+                  static_cast<const void*>(schedule),
+                  schedule ? static_cast<const void*>(schedule->schedule.get()) : nullptr);
+        tolvTraceOut(ME);
+        return false;
+    }
+    // A schedule of the same ID is replaced: it goes first.
+    variant_list_t ids;
+    variant_list_addChar(&ids, schedule->ID.value_or(""));
+    removeSchedules(object, type, ids);
+    object_t* typeInstance = schedulertype_getSpecificScheduler(object, *type);
+    if (typeInstance == nullptr) {
+        tolvTrace(100, "Type %s not found, not adding a schedule instance", type->c_str());
+        tolvTraceOut(ME);
+        return false;
+    }
+    if (!scheduleentry_addInstance(typeInstance, schedule, false)) {
+        tolvTrace(100, "Failed to add instance for type %s", type->c_str());
+        tolvTraceOut(ME);
+        return false;
+    }
+    scheduleModified(*type);
+    tolvTraceOut(ME);
+    return true;
+}
+
+namespace {
+
+bool removeAllSchedules(object_t* object, const std::string& type) {
+    tolvTraceZ(400, ME, "Removing all schedules of type %s", type.c_str());
+    object_t* typeInstance = schedulertype_getSpecificScheduler(object, type);
+    if (typeInstance == nullptr) {
+        tolvTrace(100, "could not find schedulertype instance");
+        return false;
+    }
+    schedulertype_removeAllScheduleInstances(typeInstance);
+    return true;
+}
+
+void removeListedSchedules(object_t* object, const std::string& type, const variant_list_t& ids) {
+    tolvTraceZ(400, ME, "Removing specific schedule(s) of type %s", type.c_str());
+    for (const variant_t& element : ids) {
+        std::string id = variant_char(&element).value_or("");
+        object_t* instance = scheduleentry_getSpecificSchedule(object, type, id);
+        if (instance != nullptr) {
+            scheduleentry_removeInstance(instance);
+        } else {
+            tolvTraceZ(400, ME, "Cannot find type %s ID %s", type.c_str(), id.c_str());
+        }
+    }
+}
+
+}  // namespace
+
+bool removeSchedules(object_t* object, const std::optional<std::string>& type,
+                     const std::optional<variant_list_t>& ids) {
+    tolvTraceIn(ME);
+    if (!type) {
+        tolvTrace(100, "invalid parameter values");
+        tolvTraceOut(ME);
+        return false;
+    }
+    if (!ids) {
+        if (!removeAllSchedules(object, *type)) {
+            tolvTraceOut(ME);
+            return false;
+        }
+    } else {
+        removeListedSchedules(object, *type, *ids);
+    }
+    if (!orv_timer_start(saveTimer.get(), kSaveDelayMs)) {
+        tolvTrace(100, "could not start save timer");
+    }
+    scheduleModified(*type);
+    tolvTraceOut(ME);
+    return true;
+}
+
+bool getSchedules(object_t* object, const std::optional<std::string>& type, variant_list_t* list,
+                  bool complete) {
+    tolvTraceIn(ME);
+    if (!type || list == nullptr) {
+        tolvTrace(100, "invalid parameter values");
+        tolvTraceOut(ME);
+        return false;
+    }
+    if (!schedulertype_getAllScheduleData(object, *type, list, complete)) {
+        tolvTrace(100, "Error getting the schedules");
+        tolvTraceOut(ME);
+        return false;
+    }
+    tolvTraceOut(ME);
+    return true;
+}
+
+bool getSchedule(object_t* object, const std::optional<std::string>& type,
+                 const std::optional<std::string>& id, std::unique_ptr<schedule_t>* record) {
+    tolvTraceIn(ME);
+    record->reset();
+    if (!type || !id) {
+        tolvTrace(100, "invalid parameter values");
+        tolvTraceOut(ME);
+        return false;
+    }
+    object_t* instance = scheduleentry_getSpecificSchedule(object, *type, *id);
+    if (instance == nullptr) {
+        tolvTrace(100, "Type %s not found, not adding a schedule instance", type->c_str());
+        tolvTraceOut(ME);
+        return false;
+    }
+    auto filled = std::make_unique<schedule_t>();
+    if (!scheduleentry_getScheduleT(instance, true, filled.get())) {
+        tolvTrace(100, "Error getting the schedule");
+        tolvTraceOut(ME);
+        return false;
+    }
+    *record = std::move(filled);
+    tolvTraceOut(ME);
+    return true;
+}

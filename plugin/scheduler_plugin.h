@@ -5,9 +5,15 @@
 #include <cstdint>
 #include <ctime>
 
+#include <memory>
+#include <optional>
+#include <string>
+
 #include "orv/context.h"
+#include "orv/object.h"
 #include "orv/request.h"
 #include "orv/timer.h"
+#include "scheduler_plugin_common.h"
 
 #define ORV_PLUGIN_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -31,5 +37,32 @@ void orv_plugin_eventTimerHandler(orv_timer_t* timer, void* userdata) noexcept;
 // Applies every change due at now and stores the milliseconds until the next.
 void orv_plugin_eventTimerHandler_sim(time_t now, int recalculate, std::uint32_t* timeout,
                                       bool simulate);
+// Pushes one state of a schedule instance to its client and records it in
+// CurrentState ("Unsynchronized" when the call could not be sent).
+bool orv_plugin_setStateRPC(object_t* instance, const std::string& state);
+// Sends "setState" with "ID" and "state" to the client object of a type.
+// False when it was not sent, also while the clock is not synchronised.
+bool setState(object_t* typeInstance, const std::string& id, const std::string& state);
+// Records that the schedules of a type changed; the change notification
+// follows when the save timer expires.
+void scheduleModified(const std::string& type);
 // Expiry handler of the save timer.
 void orv_plugin_saveTimerHandler(orv_timer_t* timer, void* userdata) noexcept;
+
+// The operations behind the bus functions. The first argument is always the
+// Scheduler object; a missing argument arrives as nullopt and is refused by
+// the operation that needs it.
+bool registerScheduleType(object_t* object, const std::optional<std::string>& type,
+                          const std::optional<std::string>& path,
+                          std::optional<variant_list_t> states,
+                          const std::optional<variant_list_t>& schedules);
+bool unregisterScheduleType(object_t* object, const std::optional<std::string>& type);
+bool getScheduleTypes(object_t* object, variant_list_t* list);
+bool addSchedule(object_t* object, const std::optional<std::string>& type,
+                 const schedule_t* schedule);
+bool removeSchedules(object_t* object, const std::optional<std::string>& type,
+                     const std::optional<variant_list_t>& ids);
+bool getSchedules(object_t* object, const std::optional<std::string>& type, variant_list_t* list,
+                  bool complete);
+bool getSchedule(object_t* object, const std::optional<std::string>& type,
+                 const std::optional<std::string>& id, std::unique_ptr<schedule_t>* record);

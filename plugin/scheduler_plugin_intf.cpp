@@ -1,0 +1,213 @@
+// The handlers of the bus functions of Scheduler. Each reads its named
+// arguments, calls one operation and turns the result into the return value
+// and, for the queries, an out-argument. A missing argument is traced and
+// handed on as none: the operation decides whether it can do without it.
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "orv/function.h"
+#include "orv/request.h"
+#include "orv/trace.h"
+#include "orv/variant.h"
+#include "scheduler_plugin.h"
+#include "scheduler_plugin_common.h"
+
+#define ORV_HANDLER(name)                                                          \
+    ORV_PLUGIN_EXPORT int name(function_call_t* call, argument_value_list_t* args, \
+                               variant_t* retval) noexcept
+
+ORV_HANDLER(__registerScheduleType);
+ORV_HANDLER(__unregisterScheduleType);
+ORV_HANDLER(__addSchedule);
+ORV_HANDLER(__removeSchedules);
+ORV_HANDLER(__getScheduleTypes);
+ORV_HANDLER(__getSchedules);
+ORV_HANDLER(__getCompleteSchedules);
+ORV_HANDLER(__getSchedule);
+
+namespace {
+
+// What every handler takes from the call: the target object, the calling
+// request's attributes for the readers, the arguments, and where the trace
+// lines of the readers are attributed.
+struct call_context_t {
+    object_t* object;
+    std::uint32_t attributes;
+    argument_value_list_t* args;
+    const char* function;
+    int line;
+};
+
+call_context_t beginCall(function_call_t* call, argument_value_list_t* args, const char* function,
+                         int line) {
+    tolvTrace_zoneMessage(400, ME, function, __FILE__, line, "Number of arguments %d",
+                          static_cast<int>(llist_size(args)));
+    return {fcall_object(call), request_attributes(fcall_request(call)), args, function, line};
+}
+
+void traceMissing(const call_context_t& call, const char* label, const char* fallback) {
+    tolvTrace_message(200, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
+                      "Named parameter %s not found, using default value %s", label, fallback);
+}
+
+// label is the name the trace uses; it differs from name for "State".
+std::optional<std::string> readText(const call_context_t& call, const char* name,
+                                    const char* label) {
+    std::optional<std::string> value;
+    if (!argument_getChar(&value, call.args, call.attributes, name, std::nullopt)) {
+        traceMissing(call, label, "NULL");
+    }
+    return value;
+}
+
+std::optional<std::string> readText(const call_context_t& call, const char* name) {
+    return readText(call, name, name);
+}
+
+std::optional<variant_list_t> readList(const call_context_t& call, const char* name) {
+    std::optional<variant_list_t> value;
+    if (!argument_getList(&value, call.args, call.attributes, name, std::nullopt)) {
+        traceMissing(call, name, "NULL");
+    }
+    return value;
+}
+
+std::unique_ptr<schedule_t> readSchedule(const call_context_t& call) {
+    argument_value_t* info = nullptr;
+    if (!argument_get(&info, call.args, call.attributes, "info")) {
+        traceMissing(call, "info", "NULL");
+        return nullptr;
+    }
+    variant_t* value = argument_value(info);
+    if (value == nullptr || variant_type(value) == variant_type_unknown) {
+        tolvTrace_message(200, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
+                          "Named parameter info variant NULL, using default value NULL");
+        return nullptr;
+    }
+    std::unique_ptr<schedule_t> schedule = variant2schedule_t(value);
+    variant_cleanup(value);
+    return schedule;
+}
+
+// Puts an out-argument in front of the arguments; without it the result is
+// dropped and only the return value answers.
+void prependOut(argument_value_list_t* args, const char* name, variant_t value) {
+    std::unique_ptr<argument_value_t> out = argument_valueCreate(name);
+    if (!out) {
+        return;
+    }
+    out->value = std::move(value);
+    argument_valuePrepend(args, std::move(out));
+}
+
+variant_t listVariant(variant_list_t* list) {
+    variant_t value;
+    variant_setListMove(&value, list);
+    return value;
+}
+
+// The frame of every handler: the enter marker, the argument count, and the
+// body, which nothing may leave. Handlers always answer 0: the result is in
+// the return value.
+template <typename Body>
+int serve(const char* function, int line, function_call_t* fcall, argument_value_list_t* args,
+          Body&& body) noexcept {
+    try {
+        tolvTrace_marker(true, ME, function, __FILE__, line);
+        body(beginCall(fcall, args, function, line));
+    } catch (const std::exception& e) {
+        tolvTrace(100, "%s failed: %s", function, e.what());
+    } catch (...) {
+        tolvTrace(100, "%s failed", function);
+    }
+    return 0;
+}
+
+void comGetSchedules(const call_context_t& call, variant_t* retval, bool complete) {
+    argument_value_list_t* args = call.args;
+    std::optional<std::string> type = readText(call, "type");
+    // A "scheduleInfo" the caller sent would shadow the answer.
+    argument_valueDestroy(args, argument_valueByName(args, "scheduleInfo"));
+    variant_list_t list;
+    bool result = getSchedules(call.object, type, &list, complete);
+    prependOut(args, "scheduleInfo", listVariant(&list));
+    variant_setBool(retval, result);
+}
+
+}  // namespace
+
+int __registerScheduleType(function_call_t* fcall, argument_value_list_t* args,
+                           variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::optional<std::string> path = readText(call, "path");
+        std::optional<variant_list_t> states = readList(call, "states");
+        std::optional<variant_list_t> schedules = readList(call, "schedules");
+        variant_setBool(
+            retval, registerScheduleType(call.object, type, path, std::move(states), schedules));
+    });
+}
+
+int __unregisterScheduleType(function_call_t* fcall, argument_value_list_t* args,
+                             variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        variant_setBool(retval, unregisterScheduleType(call.object, type));
+    });
+}
+
+int __addSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::unique_ptr<schedule_t> schedule = readSchedule(call);
+        variant_setBool(retval, addSchedule(call.object, type, schedule.get()));
+    });
+}
+
+int __removeSchedules(function_call_t* fcall, argument_value_list_t* args,
+                      variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        // Without "ID" every schedule of the type goes.
+        std::optional<variant_list_t> ids = readList(call, "ID");
+        variant_setBool(retval, removeSchedules(call.object, type, ids));
+    });
+}
+
+int __getScheduleTypes(function_call_t* fcall, argument_value_list_t* args,
+                       variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        variant_list_t list;
+        bool result = getScheduleTypes(call.object, &list);
+        prependOut(args, "types", listVariant(&list));
+        variant_setBool(retval, result);
+    });
+}
+
+int __getSchedules(function_call_t* fcall, argument_value_list_t* args,
+                   variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args,
+                 [&](const call_context_t& call) { comGetSchedules(call, retval, false); });
+}
+
+int __getCompleteSchedules(function_call_t* fcall, argument_value_list_t* args,
+                           variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args,
+                 [&](const call_context_t& call) { comGetSchedules(call, retval, true); });
+}
+
+int __getSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::optional<std::string> id = readText(call, "ID");
+        std::unique_ptr<schedule_t> record;
+        bool result = getSchedule(call.object, type, id, &record);
+        if (record) {
+            std::optional<variant_t> map = schedule_t2variant(record.get());
+            prependOut(args, "scheduleInfo", map ? std::move(*map) : variant_t());
+        }
+        variant_setBool(retval, result);
+    });
+}
