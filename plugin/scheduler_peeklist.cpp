@@ -319,13 +319,15 @@ std::optional<state_inputs_t> readStateInputs(const object_t* object) {
         return std::nullopt;
     }
     inputs.entries = properties->entries;
-    std::optional<std::string> defaultState = variant_char(object_parameterValue(object, "Default"));
+    std::optional<std::string> defaultState =
+        variant_char(object_parameterValue(object, "Default"));
     if (!defaultState) {
         tolvTrace(100, "could not get the default value");
         return std::nullopt;
     }
     inputs.defaultState = std::move(*defaultState);
-    std::optional<std::string> current = variant_char(object_parameterValue(object, "CurrentState"));
+    std::optional<std::string> current =
+        variant_char(object_parameterValue(object, "CurrentState"));
     if (!current) {
         tolvTrace(100, "could not get the currentstate");
         return std::nullopt;
@@ -363,7 +365,8 @@ peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entr
         return entry;
     }
     tolvTraceZ(400, ME, "Adjusting peeklist for temporary override");
-    std::optional<std::string> current = variant_char(object_parameterValue(object, "CurrentState"));
+    std::optional<std::string> current =
+        variant_char(object_parameterValue(object, "CurrentState"));
     if (!current || *current != entry->state) {
         tolvTraceOut(ME);
         return entry;

@@ -14,6 +14,7 @@
 #include "scheduler_entry.h"
 #include "scheduler_peeklist.h"
 #include "scheduler_plugin_common.h"
+#include "scheduler_schedule.h"
 #include "scheduler_simulation.h"
 #include "scheduler_time.h"
 #include "scheduler_type.h"
@@ -24,6 +25,12 @@ constexpr std::uint32_t kClientAttributeTimeout = 3;
 constexpr std::uint32_t kClientTimeoutMs = 60000;
 constexpr std::uint32_t kLookupFlags = request_wait;
 constexpr std::uint32_t kSaveDelayMs = 5000;
+// The notifications of "Time" that say the clock or its zone changed.
+constexpr std::uint32_t kTimeSet = 926;
+constexpr std::uint32_t kTimeZoneChanged = 927;
+constexpr std::uint32_t kTimeChanged = 928;
+// The notification that tells a type's owner its schedules changed.
+constexpr std::uint32_t kSchedulesChanged = 920;
 constexpr std::uint32_t kSubscriptionFlags =
     request_getObject_parameters | request_notify_subscribe | request_notify_values_changed |
     request_notify_object_added | request_notify_object_deleted | request_notify_custom;
@@ -157,12 +164,18 @@ bool deliveryHoldsTime(const reply_t* reply) {
 
 // Starts the processing: the first run of the event timer rebuilds the
 // agenda for the current time and arms the timer.
-void startProcessing() {
-    ntpSynchronized = true;
+// Runs the event timer with the recalculation flag set: the agenda is
+// rebuilt for the current time before anything is applied.
+void recalculateNow() {
     if (!orv_timer_setUserData(eventTimer.get(), recalculateFlag(true))) {
         tolvTrace(100, "could not set user data");
     }
     orv_plugin_eventTimerHandler(eventTimer.get(), nullptr);
+}
+
+void startProcessing() {
+    ntpSynchronized = true;
+    recalculateNow();
 }
 
 void timeFound() {
@@ -176,6 +189,58 @@ void timeFound() {
     if (status != nullptr && std::strcmp(status, "Synchronized") == 0) {
         startProcessing();
     }
+}
+
+// A value change of "Time": the first "Synchronized" starts the processing,
+// which then never stops.
+void timeStatusChanged(const notification_t* notification) {
+    std::optional<std::string> parameter =
+        notification_parameter_value(notification_getParameter(notification, "parameter"));
+    if (ntpSynchronized || parameter != "Status") {
+        return;
+    }
+    std::optional<std::string> value =
+        notification_parameter_value(notification_getParameter(notification, "newvalue"));
+    if (value == "Synchronized") {
+        startProcessing();
+    }
+}
+
+void timeNotified(const notification_t* notification) {
+    const char* path = notification_objectPath(notification);
+    if (path == nullptr || std::strcmp(path, "Time") != 0) {
+        return;
+    }
+    switch (notification_type(notification)) {
+        case notification_value_changed:
+            timeStatusChanged(notification);
+            break;
+        case kTimeSet:
+        case kTimeZoneChanged:
+        case kTimeChanged:
+            // The clock moved: every planned change is computed anew.
+            if (ntpSynchronized) {
+                recalculateNow();
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void timeChanged(request_t* request) {
+    tolvTraceIn(ME);
+    const reply_t* reply = request_reply(request);
+    for (const reply_item_t* item = reply_firstItem(reply); item != nullptr;
+         item = reply_nextItem(reply, item)) {
+        if (reply_item_type(item) == reply_type_notification) {
+            timeNotified(reply_item_notification(item));
+        } else if (reply_item_type(item) == reply_type_error) {
+            tolvTrace(100, "Error received : 0x%8.8X %s %s", reply_item_error(item),
+                      reply_item_errorDescription(item), reply_item_errorInfo(item));
+        }
+    }
+    tolvTraceOut(ME);
 }
 
 bool objectLoaded(request_t* request) {
@@ -271,6 +336,35 @@ void applyDueEntry(const peeklist_entry_t& entry, time_t now, bool simulate) {
     planFollowingChange(entry.object, now);
 }
 
+// --- Change notifications -------------------------------------------------
+
+// One notification per recorded type, in the order the types were first
+// recorded. A failure ends the run; the names not sent yet wait for the next
+// change.
+void sendChangeNotifications() {
+    tolvTraceIn(ME);
+    tolvTraceZ(400, ME, "Send custom notification was triggered, sending event");
+    std::unique_ptr<notification_t> notification = notification_create(kSchedulesChanged);
+    if (!notification) {
+        tolvTrace(100, "Failed to create notification");
+        tolvTraceOut(ME);
+        return;
+    }
+    while (std::optional<std::string> type = string_list_takeFirst(&saveList)) {
+        std::string path = "Scheduler.Types." + *type;
+        tolvTraceZ(400, ME, "Sending notification from %s", path.c_str());
+        if (!notification_setObjectPath(notification.get(), path)) {
+            tolvTrace(100, "Failed to set object path in notification");
+            return;
+        }
+        if (!orv_sendNotification(pluginContext, nullptr, nullptr, notification.get())) {
+            tolvTrace(100, "Failed to send notification");
+            return;
+        }
+    }
+    tolvTraceOut(ME);
+}
+
 std::uint32_t timeoutAfter(time_t now) {
     // Every due entry has been taken, so the head lies ahead: the time-out is
     // between 1000 and the clamp, or -1 (the longest) for an empty agenda.
@@ -350,8 +444,11 @@ bool orv_plugin_createSubscription(orv_context_t* context, peer_info_t* peer, co
                    [&] { return createSubscription(context, peer, path, handler, requestId); });
 }
 
-bool orv_plugin_timeChanged(request_t* /*request*/) noexcept {
-    return true;
+bool orv_plugin_timeChanged(request_t* request) noexcept {
+    return guarded("orv_plugin_timeChanged", true, [&] {
+        timeChanged(request);
+        return true;
+    });
 }
 
 void orv_plugin_eventTimerHandler(orv_timer_t* timer, void* /*userdata*/) noexcept {
@@ -454,7 +551,12 @@ void scheduleModified(const std::string& type) {
     }
 }
 
-void orv_plugin_saveTimerHandler(orv_timer_t* /*timer*/, void* /*userdata*/) noexcept {}
+void orv_plugin_saveTimerHandler(orv_timer_t* /*timer*/, void* /*userdata*/) noexcept {
+    guarded("orv_plugin_saveTimerHandler", 0, [] {
+        sendChangeNotifications();
+        return 0;
+    });
+}
 
 // --- Type operations ----------------------------------------------------------
 
@@ -671,4 +773,212 @@ bool getSchedule(object_t* object, const std::optional<std::string>& type,
     *record = std::move(filled);
     tolvTraceOut(ME);
     return true;
+}
+
+// --- Enable and overrides -----------------------------------------------------
+
+namespace {
+
+object_t* findSchedule(object_t* object, const std::string& type, const std::string& id) {
+    object_t* instance = scheduleentry_getSpecificSchedule(object, type, id);
+    if (instance == nullptr) {
+        tolvTrace(100, "Type %s not found, not adding a schedule instance", type.c_str());
+    }
+    return instance;
+}
+
+// Switching an active schedule off first brings its client to the default.
+void resetToDefault(object_t* instance) {
+    std::string defaultState =
+        variant_char(object_parameterValue(instance, "Default")).value_or("");
+    if (!orv_plugin_setStateRPC(instance, defaultState)) {
+        tolvTrace(200, "Could not reset the entry to the default value");
+    }
+}
+
+bool isValidOverride(object_t* object, const std::string& type, const std::string& state) {
+    object_t* typeInstance = schedulertype_getSpecificScheduler(object, type);
+    if (typeInstance == nullptr) {
+        tolvTrace(100, "Type %s not found, not adding a schedule instance", type.c_str());
+        return false;
+    }
+    const auto* properties = object_getUserData<schedulertype_properties_t>(typeInstance);
+    if (properties == nullptr) {
+        tolvTrace(100, "Could not get schedulertype properties");
+        return false;
+    }
+    if (!schedule_validateState(&properties->states, state)) {
+        tolvTrace(100, "Invalid override value(%s)", state.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool enable(object_t* object, const std::string& type, const std::string& id, bool on) {
+    object_t* instance = findSchedule(object, type, id);
+    if (instance == nullptr) {
+        return false;
+    }
+    if (!on && variant_bool(object_parameterValue(instance, "Enable"))) {
+        resetToDefault(instance);
+    }
+    if (!object_parameterSetBoolValue(instance, "Enable", on)) {
+        tolvTrace(100, "Failed to set enable parameter for type %s with ID %s", type.c_str(),
+                  id.c_str());
+        return false;
+    }
+    std::optional<std::string> override = variant_char(object_parameterValue(instance, "Override"));
+    if (!override) {
+        tolvTrace(100, "Failed to get the override value for type %s with ID %s", type.c_str(),
+                  id.c_str());
+        return false;
+    }
+    if (!object_parameterSetBoolValue(instance, "TemporaryOverride", false)) {
+        tolvTrace(100, "Failed to set \"TemporaryOverride\" parameter for type %s with ID %s",
+                  type.c_str(), id.c_str());
+        return false;
+    }
+    if (!scheduleentry_updateState(instance, *override, false, on)) {
+        tolvTrace(100, "Failed to update the schedule state %s with ID %s", type.c_str(),
+                  id.c_str());
+        return false;
+    }
+    if (!object_commit(instance)) {
+        tolvTrace(100, "Could not commit object");
+    }
+    scheduleModified(type);
+    return true;
+}
+
+bool override(object_t* object, const std::string& type, const std::string& id,
+              const std::string& state) {
+    if (!state.empty() && !isValidOverride(object, type, state)) {
+        return false;
+    }
+    object_t* instance = findSchedule(object, type, id);
+    if (instance == nullptr) {
+        return false;
+    }
+    if (!object_parameterSetCharValue(instance, "Override", state)) {
+        tolvTrace(100, "Failed to add set override parameter for type %s with ID %s", type.c_str(),
+                  id.c_str());
+        return false;
+    }
+    if (!object_parameterSetBoolValue(instance, "TemporaryOverride", false)) {
+        tolvTrace(100, "Failed to set \"TemporaryOverride\" parameter for type %s with ID %s",
+                  type.c_str(), id.c_str());
+        return false;
+    }
+    bool enabled = variant_bool(object_parameterValue(instance, "Enable"));
+    if (!scheduleentry_updateState(instance, state, false, enabled)) {
+        tolvTrace(100, "Failed to update the schedule state %s with ID %s", type.c_str(),
+                  id.c_str());
+    }
+    if (!object_commit(instance)) {
+        tolvTrace(100, "Could not commit object");
+    }
+    scheduleModified(type);
+    return true;
+}
+
+// A temporary state is neither validated nor announced; it lasts until the
+// schedule itself next changes the state.
+bool overrideTemporarily(object_t* object, const std::string& type, const std::string& id,
+                         const std::string& state) {
+    object_t* instance = findSchedule(object, type, id);
+    if (instance == nullptr) {
+        return false;
+    }
+    if (!object_parameterSetBoolValue(instance, "TemporaryOverride", true)) {
+        tolvTrace(100, "Failed to add set \"TemporaryOverride'' parameter for type %s with ID %s",
+                  type.c_str(), id.c_str());
+        return false;
+    }
+    if (!object_parameterSetCharValue(instance, "CurrentState", state)) {
+        tolvTrace(100, "Failed to add set \"CurrentSate\" parameter for type %s with ID %s",
+                  type.c_str(), id.c_str());
+        return false;
+    }
+    if (!object_commit(instance)) {
+        tolvTrace(100, "Could not commit object");
+        return false;
+    }
+    if (!scheduleentry_updateState(instance, state, true, true)) {
+        tolvTrace(100, "Failed to update the schedule state %s with ID %s", type.c_str(),
+                  id.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Runs an operation between the enter and leave markers of the caller.
+template <typename Body>
+bool traced(const char* function, int line, Body&& body) {
+    tolvTrace_marker(true, ME, function, __FILE__, line);
+    bool result = body();
+    tolvTrace_marker(false, ME, function, __FILE__, line);
+    return result;
+}
+
+}  // namespace
+
+bool enableSchedule(object_t* object, const std::optional<std::string>& type,
+                    const std::optional<std::string>& id, bool enabled) {
+    return traced(__func__, __LINE__, [&] {
+        if (!type || !id) {
+            tolvTrace(100, "invalid parameter values");
+            return false;
+        }
+        return enable(object, *type, *id, enabled);
+    });
+}
+
+bool overrideSchedule(object_t* object, const std::optional<std::string>& type,
+                      const std::optional<std::string>& id,
+                      const std::optional<std::string>& state) {
+    return traced(__func__, __LINE__, [&] {
+        if (!type || !id || !state) {
+            tolvTrace(100, "invalid parameter values");
+            return false;
+        }
+        return override(object, *type, *id, *state);
+    });
+}
+
+bool overrideState(object_t* object, const std::optional<std::string>& type,
+                   const std::optional<std::string>& id, const std::optional<std::string>& state) {
+    return traced(__func__, __LINE__, [&] {
+        if (!type || !id || !state) {
+            tolvTrace(100, "invalid parameter values");
+            return false;
+        }
+        return overrideTemporarily(object, *type, *id, *state);
+    });
+}
+
+// --- Simulations ----------------------------------------------------------------
+
+std::optional<variant_list_t> simulateSchedule(object_t* object,
+                                               const std::optional<std::string>& type,
+                                               const std::optional<std::string>& id, time_t start,
+                                               time_t stop) {
+    tolvTraceIn(ME);
+    if (!type || !id) {
+        tolvTraceOut(ME);
+        return std::nullopt;
+    }
+    // An unknown schedule is simulated all the same: the lines say so.
+    object_t* instance = scheduleentry_getSpecificSchedule(object, *type, *id);
+    variant_list_t lines = scheduleentry_simulate(instance, *type, start, stop);
+    tolvTrace(200, "returning %d elements", static_cast<int>(lines.size()));
+    tolvTraceOut(ME);
+    return lines;
+}
+
+variant_list_t simulateSchedules(object_t* /*object*/, time_t start, time_t stop) {
+    tolvTraceIn(ME);
+    variant_list_t lines = scheduleentry_simulate_all(start, stop);
+    tolvTrace(200, "returning %d elements", static_cast<int>(lines.size()));
+    tolvTraceOut(ME);
+    return lines;
 }

@@ -66,3 +66,17 @@ bool getSchedules(object_t* object, const std::optional<std::string>& type, vari
                   bool complete);
 bool getSchedule(object_t* object, const std::optional<std::string>& type,
                  const std::optional<std::string>& id, std::unique_ptr<schedule_t>* record);
+bool enableSchedule(object_t* object, const std::optional<std::string>& type,
+                    const std::optional<std::string>& id, bool enabled);
+// An empty override clears it.
+bool overrideSchedule(object_t* object, const std::optional<std::string>& type,
+                      const std::optional<std::string>& id,
+                      const std::optional<std::string>& state);
+bool overrideState(object_t* object, const std::optional<std::string>& type,
+                   const std::optional<std::string>& id, const std::optional<std::string>& state);
+// The lines of a simulated run; nullopt without a type or an ID.
+std::optional<variant_list_t> simulateSchedule(object_t* object,
+                                               const std::optional<std::string>& type,
+                                               const std::optional<std::string>& id, time_t start,
+                                               time_t stop);
+variant_list_t simulateSchedules(object_t* object, time_t start, time_t stop);

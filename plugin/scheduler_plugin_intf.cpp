@@ -2,6 +2,7 @@
 // arguments, calls one operation and turns the result into the return value
 // and, for the queries, an out-argument. A missing argument is traced and
 // handed on as none: the operation decides whether it can do without it.
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -26,6 +27,11 @@ ORV_HANDLER(__getScheduleTypes);
 ORV_HANDLER(__getSchedules);
 ORV_HANDLER(__getCompleteSchedules);
 ORV_HANDLER(__getSchedule);
+ORV_HANDLER(__enableSchedule);
+ORV_HANDLER(__overrideSchedule);
+ORV_HANDLER(__overrideState);
+ORV_HANDLER(__simulateSchedule);
+ORV_HANDLER(__simulateSchedules);
 
 namespace {
 
@@ -72,6 +78,31 @@ std::optional<variant_list_t> readList(const call_context_t& call, const char* n
         traceMissing(call, name, "NULL");
     }
     return value;
+}
+
+bool readBool(const call_context_t& call, const char* name) {
+    bool value = false;
+    if (!argument_getBool(&value, call.args, call.attributes, name, false)) {
+        traceMissing(call, name, "false");
+    }
+    return value;
+}
+
+// A date-time argument as seconds since the epoch; 0 when absent.
+time_t readTime(const call_context_t& call, const char* name) {
+    std::optional<struct tm> value;
+    if (!argument_getDateTime(&value, call.args, call.attributes, name, std::nullopt) || !value) {
+        traceMissing(call, name, "NULL");
+        return 0;
+    }
+    return mktime(&*value);
+}
+
+// The simulations answer with their lines; without a list, with none.
+void returnLines(variant_t* retval, std::optional<variant_list_t> lines) {
+    variant_list_t list = lines ? std::move(*lines) : variant_list_t{};
+    tolvTrace(200, "returning %d elements", static_cast<int>(list.size()));
+    variant_setListMove(retval, &list);
 }
 
 std::unique_ptr<schedule_t> readSchedule(const call_context_t& call) {
@@ -209,5 +240,55 @@ int __getSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
             prependOut(args, "scheduleInfo", map ? std::move(*map) : variant_t());
         }
         variant_setBool(retval, result);
+    });
+}
+
+int __enableSchedule(function_call_t* fcall, argument_value_list_t* args,
+                     variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::optional<std::string> id = readText(call, "ID");
+        bool enable = readBool(call, "enable");
+        variant_setBool(retval, enableSchedule(call.object, type, id, enable));
+    });
+}
+
+int __overrideSchedule(function_call_t* fcall, argument_value_list_t* args,
+                       variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::optional<std::string> id = readText(call, "ID");
+        std::optional<std::string> state = readText(call, "override");
+        variant_setBool(retval, overrideSchedule(call.object, type, id, state));
+    });
+}
+
+int __overrideState(function_call_t* fcall, argument_value_list_t* args,
+                    variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::optional<std::string> id = readText(call, "ID");
+        std::optional<std::string> state = readText(call, "State", "state");
+        variant_setBool(retval, overrideState(call.object, type, id, state));
+    });
+}
+
+int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
+                       variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        std::optional<std::string> type = readText(call, "type");
+        std::optional<std::string> id = readText(call, "ID");
+        time_t start = readTime(call, "start");
+        time_t stop = readTime(call, "stop");
+        returnLines(retval, simulateSchedule(call.object, type, id, start, stop));
+    });
+}
+
+int __simulateSchedules(function_call_t* fcall, argument_value_list_t* args,
+                        variant_t* retval) noexcept {
+    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+        time_t start = readTime(call, "start");
+        time_t stop = readTime(call, "stop");
+        returnLines(retval, simulateSchedules(call.object, start, stop));
     });
 }

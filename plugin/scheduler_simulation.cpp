@@ -7,7 +7,11 @@
 #include "orv/string.h"
 #include "orv/trace.h"
 #include "orv/variant_list.h"
+#include "scheduler_entry.h"
+#include "scheduler_plugin.h"
 #include "scheduler_plugin_common.h"
+#include "scheduler_schedule.h"
+#include "scheduler_time.h"
 
 namespace {
 
@@ -33,8 +37,94 @@ void addLine(const std::string& line) {
 
 }  // namespace
 
-variant_list_t* scheduleentry_simulationList() {
-    return &simulationList;
+namespace {
+
+void addLineTo(variant_list_t* lines, const std::string& line) {
+    tolvTraceZ(400, ME, "%s", line.c_str());
+    variant_list_addString(lines, line);
+}
+
+std::string timeLine(const char* format, time_t time, const std::string& state) {
+    return string_format(format, static_cast<long>(time), ctimeText(time).c_str(), state.c_str());
+}
+
+// Lists the changes of one schedule from start: each change after the last,
+// up to and including the first one after stop.
+void listChanges(object_t* instance, time_t start, time_t stop, variant_list_t* lines) {
+    time_t t = start;
+    for (;;) {
+        peeklist_entry_ptr entry =
+            adjust_for_temporary_override(instance, peeklist_createNextEntry(instance, t));
+        if (!entry || entry->time < t) {
+            addLineTo(lines, "No entries in schedule, stopping");
+            tolvTrace(200, "no items found (nothing in schedule?)");
+            return;
+        }
+        const char* format =
+            entry->isEvent != 0 ? "%ld (%s) send event %s" : "%ld (%s) switch state to %s";
+        addLineTo(lines, timeLine(format, entry->time, entry->state));
+        if (entry->time > stop) {
+            addLineTo(lines, "Simulation ends");
+            return;
+        }
+        t = entry->time + 1;
+    }
+}
+
+}  // namespace
+
+variant_list_t scheduleentry_simulate(object_t* instance, const std::string& /*type*/, time_t start,
+                                      time_t stop) {
+    variant_list_t lines;
+    addLineTo(&lines, "Simulation starts");
+    std::optional<std::string> defaultState =
+        variant_char(object_parameterValue(instance, "Default"));
+    if (!defaultState) {
+        variant_list_addChar(&lines, "could not get the default value, stopping");
+        tolvTrace(100, "could not get the default value");
+        return lines;
+    }
+    int base = time_baseToEnum(variant_char(object_parameterValue(instance, "Base")).value_or(""));
+    const auto* properties = object_getUserData<scheduleentry_properties_t>(instance);
+    const variant_list_t noEntries;
+    const variant_list_t& entries =
+        properties != nullptr && properties->entries ? *properties->entries : noEntries;
+    std::string state =
+        schedule_currentState(entries, base, start, *defaultState).value_or(*defaultState);
+    addLineTo(&lines, timeLine("%ld (%s) starttime with state %s", start, state));
+    listChanges(instance, start, stop, &lines);
+    return lines;
+}
+
+variant_list_t scheduleentry_simulate_all(time_t start, time_t stop) {
+    simulationList.clear();
+    if (!peeklist_recalculate(start)) {
+        tolvTrace(100, "Recalculation Failed");
+    }
+    addLine("Simulation starts");
+    // The clock jumps from change to change, however far apart they are.
+    time_t simulated = start;
+    for (;;) {
+        std::uint32_t timeout = 0;
+        orv_plugin_eventTimerHandler_sim(simulated, 0, &timeout, true);
+        const peeklist_entry_t* head = peeklist_getGlobalPeeklist();
+        if (head == nullptr) {
+            break;
+        }
+        tolvTraceZ(400, ME, "end: %d ; next_event_time %d", static_cast<int>(stop),
+                   static_cast<int>(head->time));
+        if (head->time > stop || head->time <= simulated) {
+            break;
+        }
+        simulated = head->time;
+    }
+    addLine("Simulation ends");
+    if (!peeklist_recalculate(start)) {
+        tolvTrace(100, "Recalculation Failed");
+    }
+    variant_list_t lines;
+    lines.swap(simulationList);
+    return lines;
 }
 
 void registerEvent(const char* eventName, const peeklist_entry_t& entry) {
