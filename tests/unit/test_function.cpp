@@ -96,18 +96,6 @@ TEST(ArgumentReaders, ConvertOrFallBackToTheDefault) {
     }
 }
 
-TEST(ArgumentValues, GetFindsTheFirstInPlaceAndDestroyRemovesIt) {
-    auto args = makeArgs({{"type", variant_t(std::uint32_t{1})}, {"type", variant_t("2")}});
-    argument_value_t* found = nullptr;
-    ASSERT_TRUE(argument_get(&found, &args, 0, "type"));
-    ASSERT_EQ(found, &args.values().front());
-    EXPECT_EQ(*argument_value(found), variant_t(std::uint32_t{1}));  // not converted
-    argument_valueDestroy(&args, found);
-    ASSERT_EQ(llist_size(&args), 1u);
-    EXPECT_EQ(argument_valueByName(&args, "type")->value, variant_t("2"));
-    EXPECT_FALSE(argument_get(&found, &args, 0, "missing"));
-}
-
 const char* const kFunctions = R"({"objects": [{"name": "Scheduler",
   "functions": [{"name": "addSchedule", "type": "bool",
                  "arguments": [{"name": "type", "type": "string"},

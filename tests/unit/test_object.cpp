@@ -1,9 +1,9 @@
 // The data model: loading, instances, pending values, observers, destroy
 // handlers, lookups and paths.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
-#include <ctime>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -14,7 +14,6 @@
 #include "orv/error.h"
 #include "orv/object.h"
 #include "orv/variant.h"
-#include "time_zone.h"
 
 namespace {
 
@@ -32,12 +31,11 @@ const char* const kModel = R"({"objects": [{"name": "Scheduler",
 
 class recorder_t : public object_observer_t {
   public:
-    void instanceAdded(object_t& o) override { events.push_back("added " + object_path(&o, 0)); }
-    void instanceRemoved(object_t& o) override {
-        events.push_back("removed " + object_path(&o, 0));
-    }
+    static std::string path(object_t& o) { return object_path(&o, 0); }
+    void instanceAdded(object_t& o) override { events.push_back("added " + path(o)); }
+    void instanceRemoved(object_t& o) override { events.push_back("removed " + path(o)); }
     void parametersChanged(object_t& o, const strings_t& names) override {
-        events.push_back("changed " + object_path(&o, 0));
+        events.push_back("changed " + path(o));
         for (const auto& name : names) {
             events.back() += " " + name;
         }
@@ -100,7 +98,9 @@ class DataModel : public ::testing::Test {
 };
 
 TEST_F(DataModel, LoadFileIsAllOrNothingAndNamesTheFile) {
-    std::string path = ::testing::TempDir() + "orv_definition_test.json";
+    // One file per process: test binaries may run side by side.
+    std::string path =
+        ::testing::TempDir() + "orv_definition_test_" + std::to_string(getpid()) + ".json";
     std::ofstream(path) << R"({"objects": [{"name": "Other"}, {"name": "Scheduler"}]})";
     EXPECT_EQ(model->loadFile(path), path + ": objects[1]: object \"Scheduler\" exists already");
     EXPECT_EQ(model->root()->child("Other"), nullptr);
@@ -108,9 +108,7 @@ TEST_F(DataModel, LoadFileIsAllOrNothingAndNamesTheFile) {
     EXPECT_EQ(model->loadFile(path), std::nullopt);
     EXPECT_NE(model->root()->child("Other"), nullptr);
     std::remove(path.c_str());
-    auto error = model->loadFile(path);
-    ASSERT_TRUE(error.has_value());
-    EXPECT_NE(error->find(path), std::string::npos) << *error;
+    EXPECT_NE(model->loadFile(path).value_or("").find(path), std::string::npos);
 }
 
 TEST_F(DataModel, InstanceKeysAreUniqueAndWalksKeepCreationOrder) {
@@ -268,25 +266,6 @@ TEST_F(DataModel, GetObjectReturnsTheDeepestMatchAndPathsUseKeys) {
         EXPECT_EQ(match, fullMatch) << path;
     }
     EXPECT_EQ(object_path(s1, 0), "Scheduler.Types.Light.Schedules.s1");
-}
-
-TEST_F(DataModel, DateTimeIsSetFromABrokenDownLocalTime) {
-    scoped_time_zone_t zone("Europe/Berlin");
-    object_t* light = add(types, "Light");
-    // Local times as a caller builds them: no weekday, day of year or zone.
-    const std::vector<std::tuple<const char*, int, std::int64_t>> rows = {
-        {"2023-07-01 12:00", -1, 1688205600},  // CEST: 10:00Z
-        {"2023-11-14 02:00", 0, 1699923600},   // CET: 01:00Z
-        {"2023-11-14 02:00", -1, 1699923600},
-    };
-    for (const auto& [text, isdst, seconds] : rows) {
-        struct tm local {};
-        ASSERT_NE(strptime(text, "%Y-%m-%d %H:%M", &local), nullptr);
-        local.tm_isdst = isdst;
-        ASSERT_TRUE(object_parameterSetDateTimeValue(light, "Changed", &local));
-        EXPECT_EQ(*object_parameterValue(light, "Changed"), variant_t::dateTime(seconds)) << text;
-        EXPECT_FALSE(object_parameterSetDateTimeValue(light, "Type", &local));
-    }
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "orv/trace.h"
@@ -16,6 +18,11 @@ variant_t json(const char* text) {
     return value.value_or(variant_t());
 }
 
+// The JSON text of a converted record, or "-" when the conversion failed.
+std::string text(const std::optional<variant_t>& value) {
+    return value ? variant_toJSON(&*value) : "-";
+}
+
 class RecordTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -26,66 +33,42 @@ class RecordTest : public ::testing::Test {
     std::vector<std::string> lines_;
 };
 
-TEST_F(RecordTest, EntryFromMap) {
-    struct row_t {
-        const char* map;
-        bool valid;
-        const char* trace;  // expected message, or "" for none
-    };
-    const std::vector<row_t> rows = {
-        {R"({"state":"on","begin":3600,"end":7200})", true, ""},
-        // A momentary event.
-        {R"({"state":"on","begin":60,"end":60})", true, ""},
+TEST_F(RecordTest, EntryFromMapAndBack) {
+    // map, its map form after conversion ("-": refused), the trace line
+    const std::vector<std::tuple<const char*, const char*, const char*>> rows = {
+        {R"({"state":"on","begin":3600,"end":7200})", R"({"state":"on","begin":3600,"end":7200})",
+         ""},
         // Extra keys are ignored; numbers of other kinds convert when exact.
-        {R"({"end":-0,"x":[1],"begin":5.0,"state":"on"})", true, ""},
-        {R"({"begin":1,"end":2})", false, "[x]Cannot find state"},
-        {R"({"state":"on","end":2})", false, "[x]Cannot find begin"},
-        {R"({"state":"on","begin":1})", false, "[x]Cannot find end"},
+        {R"({"end":-0,"x":[1],"begin":5.0,"state":"on"})", R"({"state":"on","begin":5,"end":0})",
+         ""},
         // A negative time is kept in its unsigned form; verification judges it.
-        {R"({"state":"on","begin":-10,"end":2})", true, ""},
+        {R"({"state":"on","begin":-10,"end":4294967295})",
+         R"({"state":"on","begin":4294967286,"end":4294967295})", ""},
+        {R"({"begin":1,"end":2})", "-", "[x]Cannot find state"},
+        {R"({"state":"on","end":2})", "-", "[x]Cannot find begin"},
+        {R"({"state":"on","begin":1})", "-", "[x]Cannot find end"},
         // A value that does not convert counts as missing.
-        {R"({"state":"on","begin":4294967296,"end":2})", false, "[x]Cannot find begin"},
-        {R"({"state":"on","begin":"soon","end":2})", false, "[x]Cannot find begin"},
-        {R"({"state":[],"begin":1,"end":2})", false, "[x]Cannot find state"},
-        {R"([{"state":"on","begin":1,"end":2}])", false, "[x]Not a variant map"},
-        {R"("on")", false, "[x]Not a variant map"},
+        {R"({"state":"on","begin":4294967296,"end":2})", "-", "[x]Cannot find begin"},
+        {R"({"state":"on","begin":"soon","end":2})", "-", "[x]Cannot find begin"},
+        {R"({"state":[],"begin":1,"end":2})", "-", "[x]Cannot find state"},
+        {R"([{"state":"on","begin":1,"end":2}])", "-", "[x]Not a variant map"},
     };
-    for (const row_t& row : rows) {
+    for (const auto& [map, back, trace] : rows) {
         lines_.clear();
-        variant_t value = json(row.map);
+        variant_t value = json(map);
         std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&value);
-        EXPECT_EQ(entry != nullptr, row.valid) << row.map;
-        if (*row.trace == '\0') {
-            EXPECT_TRUE(lines_.empty()) << row.map;
-        } else {
-            ASSERT_EQ(lines_.size(), 1u) << row.map;
-            EXPECT_NE(lines_[0].find(row.trace), std::string::npos) << lines_[0];
+        EXPECT_EQ(entry ? text(schedule_entry_t2variant(entry.get())) : "-", back) << map;
+        ASSERT_EQ(lines_.size(), *trace ? 1u : 0u) << map;
+        for (const std::string& line : lines_) {
+            EXPECT_NE(line.find(trace), std::string::npos) << line;
         }
     }
     EXPECT_EQ(variant2schedule_entry_t(nullptr), nullptr);
-}
-
-TEST_F(RecordTest, EntryRoundTrip) {
-    variant_t value = json(R"({"state":"dim","begin":4294967295,"end":0})");
-    std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&value);
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->state, "dim");
-    EXPECT_EQ(entry->begin, 4294967295u);
-    EXPECT_EQ(entry->end, 0u);
-    std::optional<variant_t> back = schedule_entry_t2variant(entry.get());
-    ASSERT_TRUE(back.has_value());
-    EXPECT_EQ(variant_toJSON(&*back), R"({"state":"dim","begin":4294967295,"end":0})");
-    std::optional<variant_t> none = schedule_entry_t2variant(nullptr);
-    ASSERT_TRUE(none.has_value());
-    EXPECT_EQ(variant_type(&*none), variant_type_unknown);
+    EXPECT_EQ(text(schedule_entry_t2variant(nullptr)), "null");
 }
 
 TEST_F(RecordTest, ScheduleFromMap) {
-    struct row_t {
-        const char* map;
-        bool valid;
-    };
-    const std::vector<row_t> rows = {
+    const std::pair<const char*, bool> rows[] = {
         {R"({"ID":"a","enable":true,"base":"Daily","def":"off","override":""})", true},
         {R"({"ID":"a","enable":1,"base":"Daily","def":"off","override":"on","junk":{}})", true},
         {R"({"enable":true,"base":"Daily","def":"off","override":""})", false},
@@ -96,44 +79,32 @@ TEST_F(RecordTest, ScheduleFromMap) {
         {R"({"ID":"a","enable":"perhaps","base":"Daily","def":"off","override":""})", false},
         {R"([{"ID":"a","enable":true,"base":"Daily","def":"off","override":""}])", false},
     };
-    for (const row_t& row : rows) {
-        variant_t value = json(row.map);
-        EXPECT_EQ(variant2schedule_t(&value) != nullptr, row.valid) << row.map;
+    for (const auto& [map, valid] : rows) {
+        variant_t value = json(map);
+        EXPECT_EQ(variant2schedule_t(&value) != nullptr, valid) << map;
     }
     // The schedule conversion traces nothing, not even for a list.
     EXPECT_TRUE(lines_.empty());
 }
 
-TEST_F(RecordTest, ScheduleWithoutOptionalKeysConvertsBackToFiveKeys) {
-    variant_t value =
-        json(R"({"override":"","def":"off","base":"Weekly","enable":false,"ID":"kids"})");
-    std::unique_ptr<schedule_t> record = variant2schedule_t(&value);
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->override, "");
-    EXPECT_FALSE(record->value.has_value());
-    EXPECT_EQ(record->schedule, nullptr);
-    std::optional<variant_t> back = schedule_t2variant(record.get());
-    ASSERT_TRUE(back.has_value());
-    EXPECT_EQ(variant_toJSON(&*back),
-              R"({"ID":"kids","enable":false,"base":"Weekly","def":"off","override":""})");
-}
-
-TEST_F(RecordTest, ScheduleRoundTripKeepsEntriesAndValue) {
-    const char* text =
+TEST_F(RecordTest, ScheduleConvertsBackInItsOwnKeyOrder) {
+    const char* full =
         R"({"ID":"1","enable":true,"base":"Daily","def":"off","override":"","value":"on",)"
         R"("schedule":[{"state":"on","begin":3600,"end":7200},{"bogus":1}]})";
-    variant_t value = json(text);
-    std::unique_ptr<schedule_t> record = variant2schedule_t(&value);
-    ASSERT_NE(record, nullptr);
-    ASSERT_NE(record->schedule, nullptr);
-    // Elements are not examined here: the bogus one is kept for later checks.
-    EXPECT_EQ(record->schedule->size(), 2u);
-    std::optional<variant_t> back = schedule_t2variant(record.get());
-    ASSERT_TRUE(back.has_value());
-    EXPECT_EQ(variant_toJSON(&*back), variant_toJSON(&value));
-    std::optional<variant_t> none = schedule_t2variant(nullptr);
-    ASSERT_TRUE(none.has_value());
-    EXPECT_EQ(variant_type(&*none), variant_type_unknown);
+    const std::pair<const char*, const char*> rows[] = {
+        // Without the optional keys there is neither value nor entry list.
+        {R"({"override":"","def":"off","base":"Weekly","enable":false,"ID":"kids"})",
+         R"({"ID":"kids","enable":false,"base":"Weekly","def":"off","override":""})"},
+        // Elements are not examined here: the bogus one is kept for later checks.
+        {full, full},
+    };
+    for (const auto& [map, back] : rows) {
+        variant_t value = json(map);
+        std::unique_ptr<schedule_t> record = variant2schedule_t(&value);
+        ASSERT_NE(record, nullptr) << map;
+        EXPECT_EQ(text(schedule_t2variant(record.get())), back);
+    }
+    EXPECT_EQ(text(schedule_t2variant(nullptr)), "null");
 }
 
 }  // namespace

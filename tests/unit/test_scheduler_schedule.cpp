@@ -2,10 +2,13 @@
 // a time.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "orv/trace.h"
@@ -17,15 +20,9 @@
 
 namespace {
 
-variant_list_t list(const char* json) {
-    std::optional<variant_t> value = variant_fromJSON(json);
-    EXPECT_TRUE(value && value->list()) << json;
-    return value && value->list() ? *value->list() : variant_list_t{};
-}
-
-// Entries in the short form "begin end state, ..."; negative offsets are
-// stored as their unsigned 32-bit value, and "junk" is an element that is not
-// an entry.
+// Entries in the short form "begin end state, ..." as JSON; negative offsets
+// are stored as their unsigned 32-bit value, and "junk" is an element that is
+// not an entry.
 variant_list_t entries(const std::string& text) {
     variant_list_t result;
     std::istringstream rows(text);
@@ -47,16 +44,10 @@ variant_list_t entries(const std::string& text) {
     return result;
 }
 
-std::string json(const variant_list_t& entries) {
-    variant_t value(entries);
+std::string json(const variant_list_t& list) {
+    const variant_t value(list);
     return variant_toJSON(&value);
 }
-
-// One expected trace line: its message and the function that traced it.
-struct line_t {
-    const char* function;
-    const char* message;
-};
 
 class ScheduleTest : public ::testing::Test {
   protected:
@@ -70,25 +61,25 @@ class ScheduleTest : public ::testing::Test {
         tolvTraceSetSink({});
         tolvTraceReset();
     }
-    void expectLines(const std::vector<line_t>& expected, const char* tag, const char* context) {
-        ASSERT_EQ(lines_.size(), expected.size()) << context;
-        for (std::size_t i = 0; i < expected.size(); ++i) {
-            std::string wanted = std::string("[") + tag + "]" + expected[i].message + " - (" +
-                                 expected[i].function + "@";
-            EXPECT_NE(lines_[i].find(wanted), std::string::npos) << context << "\n" << lines_[i];
+    // The messages traced so far, in order, joined with "; ".
+    std::string messages() const {
+        std::string out;
+        for (const std::string& line : lines_) {
+            const std::size_t begin = line.find(']') + 1;
+            out += (out.empty() ? "" : "; ") + line.substr(begin, line.find(" - (") - begin);
         }
+        return out;
+    }
+    long count(std::string_view text) const {
+        return std::count_if(lines_.begin(), lines_.end(),
+                             [&](const std::string& line) { return line.find(text) != line.npos; });
     }
     std::vector<std::string> lines_;
 };
 
 TEST_F(ScheduleTest, OrderSortsByBeginAndDropsTheDefault) {
-    struct row_t {
-        const char* entries;
-        const char* def;
-        const char* expected;
-        std::size_t removed;
-    };
-    const std::vector<row_t> rows = {
+    // entries, default, ordered entries, entries removed as default
+    const std::vector<std::tuple<const char*, const char*, const char*, long>> rows = {
         {"5 10 a, 0 2 b, 3 4 c", "off", "0 2 b, 3 4 c, 5 10 a", 0},
         // Equal begins come out in reverse input order.
         {"100 100 x, 100 100 y", "off", "100 100 y, 100 100 x", 0},
@@ -101,68 +92,45 @@ TEST_F(ScheduleTest, OrderSortsByBeginAndDropsTheDefault) {
         {"5 10 a, junk, 0 2 b", "off", "0 2 b, 5 10 a, junk", 0},
         {"junk, 5 10 a, 0 2 b", "off", "junk, 0 2 b, 5 10 a", 0},
     };
-    const std::string removal = "[n]found a schedule entry setting the default value, removing it";
-    for (const row_t& row : rows) {
+    for (const auto& [input, def, expected, removed] : rows) {
         lines_.clear();
-        const variant_list_t input = entries(row.entries);
-        std::optional<variant_list_t> ordered = schedule_order(input, row.def);
-        ASSERT_TRUE(ordered.has_value()) << row.entries;
-        EXPECT_EQ(json(*ordered), json(entries(row.expected))) << row.entries;
-        std::size_t removals = 0;
-        for (const std::string& line : lines_) {
-            removals += line.find(removal) != std::string::npos ? 1 : 0;
-        }
-        EXPECT_EQ(removals, row.removed) << row.entries;
+        std::optional<variant_list_t> ordered = schedule_order(entries(input), def);
+        ASSERT_TRUE(ordered.has_value()) << input;
+        EXPECT_EQ(json(*ordered), json(entries(expected))) << input;
+        EXPECT_EQ(count("[n]found a schedule entry setting the default value"), removed) << input;
     }
 }
 
 TEST_F(ScheduleTest, VerifyRefusesWithExactlyOneReason) {
-    const char* on = R"(["on","off","eco"])";
-    struct row_t {
-        int base;
-        const char* states;
-        const char* entries;
-        std::vector<line_t> trace;  // empty: the schedule is accepted
-    };
-    const line_t overlap = {"schedule_checkOverlappings", "overlapping detected"};
-    const line_t invalidOverlap = {"schedule_verify", "invalid overlapping detected in schedule"};
-    const line_t badState = {"schedule_verify", "invalid state detected in schedule"};
-    const line_t mixed = {"schedule_verify", "Mixed event/state schedules are not allowed"};
-    const line_t endFirst = {"schedule_verify", "end starts before begin..."};
-    const line_t notMap = {"entryMap", "Not a variant map"};
-    const line_t noEntry = {"schedule_verify", "error getting schedule entry"};
-    const line_t noNext = {"schedule_checkOverlappings", "error getting schedule entry"};
-    const line_t pastDay = {"schedule_verify",
-                            "schedule out of boundary begin=0, end=86401, boundary=86400"};
-    const line_t pastHour = {"schedule_verify",
-                             "schedule out of boundary begin=4294967286, end=10, boundary=3600"};
-    const std::vector<row_t> rows = {
-        {time_base_daily, "[]", "", {}},
-        {time_base_daily, on, "0 86400 on", {}},
-        {time_base_daily, on, "0 86401 on", {pastDay}},
-        {time_base_hourly, on, "-10 10 on", {pastHour}},
-        {time_base_once, on, "-10 10 on", {}},
-        {time_base_daily, on, "100 50 on", {endFirst}},
+    const char* overlap = "overlapping detected; invalid overlapping detected in schedule";
+    // base, whether the type lists states, entries, trace (none: accepted)
+    const std::vector<std::tuple<int, bool, const char*, const char*>> rows = {
+        {time_base_daily, false, "", ""},
+        {time_base_daily, true, "0 86400 on", ""},
+        {time_base_hourly, true, "-10 10 on",
+         "schedule out of boundary begin=4294967286, end=10, boundary=3600"},
+        {time_base_once, true, "-10 10 on", ""},
         // End before begin only when read signed.
-        {time_base_once, on, "10 -10 on", {endFirst}},
-        {time_base_daily, on, "0 10 on, 20 20 on", {mixed}},
-        {time_base_daily, on, "20 20 on, 30 40 on", {mixed}},
-        {time_base_daily, on, "20 20 on, 20 20 off", {}},
-        {time_base_daily, on, "0 100 on, 100 200 off, 7200 9000 eco", {}},
-        {time_base_daily, on, "0 101 on, 100 200 off", {overlap, invalidOverlap}},
+        {time_base_once, true, "10 -10 on", "end starts before begin..."},
+        {time_base_daily, true, "20 20 on, 30 40 on",
+         "Mixed event/state schedules are not allowed"},
+        {time_base_daily, true, "20 20 on, 20 20 off", ""},
+        {time_base_daily, true, "0 100 on, 100 200 off, 7200 9000 eco", ""},
+        {time_base_daily, true, "0 101 on, 100 200 off", overlap},
         // The successor's overlap is found before its unknown state.
-        {time_base_daily, on, "0 100 on, 50 60 bogus", {overlap, invalidOverlap}},
-        {time_base_daily, on, "0 100 On", {badState}},
-        {time_base_daily, "[]", "0 100 on", {badState}},
-        {time_base_daily, on, "junk", {notMap, noEntry}},
-        {time_base_daily, on, "0 100 on, junk", {notMap, noNext, invalidOverlap}},
+        {time_base_daily, true, "0 100 on, 50 60 bogus", overlap},
+        {time_base_daily, false, "0 100 on", "invalid state detected in schedule"},
+        {time_base_daily, true, "junk", "Not a variant map; error getting schedule entry"},
+        {time_base_daily, true, "0 100 on, junk",
+         "Not a variant map; error getting schedule entry; invalid overlapping detected in "
+         "schedule"},
     };
-    for (const row_t& row : rows) {
+    const variant_list_t known = {variant_t("on"), variant_t("off"), variant_t("eco")};
+    for (const auto& [base, listed, input, trace] : rows) {
         lines_.clear();
-        const variant_list_t states = list(row.states);
-        EXPECT_EQ(schedule_verify(entries(row.entries), row.base, &states), row.trace.empty())
-            << row.entries;
-        expectLines(row.trace, "x", row.entries);
+        const variant_list_t states = listed ? known : variant_list_t{};
+        EXPECT_EQ(schedule_verify(entries(input), base, &states), *trace == '\0') << input;
+        EXPECT_EQ(messages(), trace) << input;
     }
 }
 
@@ -170,74 +138,48 @@ TEST_F(ScheduleTest, VerifyRefusesWithExactlyOneReason) {
 // is traced.
 TEST_F(ScheduleTest, CheckOverlappingsLooksBothWays) {
     const variant_list_t list = entries("0 100 a, 50 150 b, 120 200 c, 300 400 d");
-    const line_t overlap = {"schedule_checkOverlappings", "overlapping detected"};
     EXPECT_FALSE(schedule_checkOverlappings(list, 1));
-    expectLines({overlap, overlap}, "x", "middle");
+    EXPECT_EQ(messages(), "overlapping detected; overlapping detected");
     lines_.clear();
     EXPECT_TRUE(schedule_checkOverlappings(list, 3));
     EXPECT_FALSE(schedule_checkOverlappings(list, 4));
-    expectLines({{"schedule_checkOverlappings", "error getting schedule entry"}}, "x", "past end");
+    EXPECT_EQ(messages(), "error getting schedule entry");
 }
 
 TEST_F(ScheduleTest, CurrentState) {
     const char* daily = "3600 7200 on, 7200 10800 eco";
     const char* once = "1700000000 1700003600 on";
-    const char* event = "3600 3600 ring";
     const char* trailingJunk = "3600 7200 on, junk";
     const time_t day = 1699920000;  // 2023-11-14 00:00 UTC
-    struct row_t {
-        const char* zone;
-        int base;
-        const char* entries;
-        const char* def;
-        time_t t;
-        const char* expected;  // null: no result
-    };
-    const std::vector<row_t> rows = {
-        {"UTC", time_base_daily, daily, "off", day + 1800, "off"},
-        {"UTC", time_base_daily, daily, "off", day + 3600, "on"},
-        {"UTC", time_base_daily, daily, "off", day + 7199, "on"},
-        {"UTC", time_base_daily, daily, "off", day + 7200, "eco"},
-        {"UTC", time_base_daily, daily, "off", day + 10800, "off"},
-        {"UTC", time_base_daily, "", "off", day + 3600, "off"},
-        {"UTC", time_base_once, once, "off", 1699999999, "off"},
-        {"UTC", time_base_once, once, "off", 1700000000, "on"},
-        {"UTC", time_base_once, once, "off", 1700003600, "off"},
-        {"UTC", time_base_daily, event, "quiet", day + 3600, "quiet"},
-        {"UTC", time_base_daily, event, "quiet", day + 3601, "quiet"},
+    // zone, base, entries, time, state with the default "off" (null: none)
+    const std::vector<std::tuple<const char*, int, const char*, time_t, const char*>> rows = {
+        {"UTC", time_base_daily, daily, day + 3600, "on"},
+        {"UTC", time_base_daily, daily, day + 7199, "on"},
+        {"UTC", time_base_daily, daily, day + 7200, "eco"},
+        {"UTC", time_base_daily, daily, day + 10800, "off"},
+        {"UTC", time_base_daily, "", day + 3600, "off"},
+        {"UTC", time_base_once, once, 1700000000, "on"},
+        {"UTC", time_base_once, once, 1700003600, "off"},
+        // A momentary event is no state, even at its moment.
+        {"UTC", time_base_daily, "3600 3600 ring", day + 3600, "off"},
         // Offsets are signed: an entry from -10 covers the start of the hour.
-        {"UTC", time_base_hourly, "-10 10 on", "off", day + 5, "on"},
-        {"UTC", time_base_hourly, "-20 -10 on", "off", day + 5, "off"},
+        {"UTC", time_base_hourly, "-10 10 on", day + 5, "on"},
+        {"UTC", time_base_hourly, "-20 -10 on", day + 5, "off"},
         // The period starts at local midnight: 01:30 CEST is 23:30 UTC.
-        {"Europe/Berlin", time_base_daily, daily, "off", 1689377400, "on"},
-        {"UTC", time_base_daily, daily, "off", 1689377400, "off"},
+        {"Europe/Berlin", time_base_daily, daily, 1689377400, "on"},
+        {"UTC", time_base_daily, daily, 1689377400, "off"},
         // The walk stops at the first entry beginning later, before the bad
         // element; past the entry it reaches the bad element.
-        {"UTC", time_base_daily, trailingJunk, "off", day + 1800, "off"},
-        {"UTC", time_base_daily, trailingJunk, "off", day + 9000, nullptr},
+        {"UTC", time_base_daily, trailingJunk, day + 1800, "off"},
+        {"UTC", time_base_daily, trailingJunk, day + 9000, nullptr},
     };
-    for (const row_t& row : rows) {
-        scoped_time_zone_t zone(row.zone);
-        std::optional<std::string> state =
-            schedule_currentState(entries(row.entries), row.base, row.t, row.def);
-        const std::string context = std::string(row.zone) + " t=" + std::to_string(row.t);
-        ASSERT_EQ(state.has_value(), row.expected != nullptr) << context << " " << row.entries;
-        if (row.expected != nullptr) {
-            EXPECT_EQ(*state, row.expected) << context << " " << row.entries;
-        }
+    for (const auto& [zoneName, base, input, t, expected] : rows) {
+        scoped_time_zone_t zone(zoneName);
+        EXPECT_EQ(schedule_currentState(entries(input), base, t, "off").value_or("<none>"),
+                  expected ? expected : "<none>")
+            << zoneName << " t=" << t << " " << input;
     }
-    expectLines({{"entryMap", "Not a variant map"},
-                 {"schedule_currentState", "invalid overlapping detected in schedule"}},
-                "x", "bad element");
-}
-
-TEST_F(ScheduleTest, PrintScheduleTracesEachElement) {
-    schedule_printSchedule({});
-    EXPECT_TRUE(lines_.empty());
-    schedule_printSchedule(entries("1 2 on, junk"));
-    expectLines({{"schedule_printSchedule", R"(v2s JSON = {"state":"on","begin":1,"end":2})"},
-                 {"schedule_printSchedule", R"(v2s JSON = "junk")"}},
-                "i", "print");
+    EXPECT_EQ(messages(), "Not a variant map; invalid overlapping detected in schedule");
 }
 
 }  // namespace
