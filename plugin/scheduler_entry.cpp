@@ -266,12 +266,6 @@ bool addInstance(object_t* typeInstance, const schedule_t* schedule, bool regist
 // ---------------------------------------------------------------------------
 // Next change.
 
-bool publishNextChange(object_t* instance, time_t due) {
-    struct tm local {};
-    return localtime_r(&due, &local) &&
-           object_parameterSetDateTimeValue(instance, "NextStateChange", &local);
-}
-
 bool planNextChange(object_t* instance) {
     peeklist_entry_ptr entry = adjust_for_temporary_override(
         instance, peeklist_createNextEntry(instance, time_getCurrentLocalTime()));
@@ -284,7 +278,7 @@ bool planNextChange(object_t* instance) {
         tolvTrace(100, "Error calculating the next event time");
         return false;
     }
-    if (!publishNextChange(instance, due)) {
+    if (!scheduleentry_setNextStateChange(instance, due)) {
         tolvTrace(100, "Could not set nextstatechange");
         peeklist_removeEntry(instance);
         return false;
@@ -396,6 +390,12 @@ object_t* scheduleentry_getSpecificSchedule(object_t* scheduler, std::string_vie
     tolvTrace(100, "ID %s not found, not setting enable parameter for type %s",
               std::string(id).c_str(), std::string(type).c_str());
     return nullptr;
+}
+
+bool scheduleentry_setNextStateChange(object_t* instance, time_t due) {
+    struct tm local {};
+    return localtime_r(&due, &local) != nullptr &&
+           object_parameterSetDateTimeValue(instance, "NextStateChange", &local);
 }
 
 void scheduleentry_removeInstance(object_t* instance) {

@@ -1,6 +1,7 @@
 // Schedule instances: Scheduler.Types.<type>.Schedules.<ID>.
 #pragma once
 
+#include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,6 +25,9 @@ bool scheduleentry_addInstance(object_t* typeInstance, const schedule_t* schedul
 // Plans the instance's next change into the agenda and publishes it as
 // NextStateChange. The caller removes an older entry of the instance first.
 bool scheduleentry_updatePeeklist(object_t* instance);
+// Sets NextStateChange (pending until the next commit) to the local time of
+// a due time.
+bool scheduleentry_setNextStateChange(object_t* instance, time_t due);
 object_t* scheduleentry_getSpecificSchedule(object_t* scheduler, std::string_view type,
                                             std::string_view id);
 void scheduleentry_removeInstance(object_t* instance);

@@ -295,13 +295,6 @@ bool hasTemporaryOverride(const object_t* object) {
     return variant_bool(object_parameterValue(object, "TemporaryOverride"));
 }
 
-void publishNextStateChange(object_t* object, time_t time) {
-    struct tm local {};
-    localtime_r(&time, &local);
-    object_parameterSetDateTimeValue(object, "NextStateChange", &local);
-    object_commit(object);
-}
-
 // What a rebuild needs to know of one schedule to bring it to its state.
 struct state_inputs_t {
     int base = time_base_unknown;
@@ -375,7 +368,8 @@ peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entr
     // not end the override: the change after it does.
     peeklist_entry_ptr next = peeklist_createNextEntry(object, entry->time);
     if (next) {
-        publishNextStateChange(object, next->time);
+        scheduleentry_setNextStateChange(object, next->time);
+        object_commit(object);
     }
     tolvTraceOut(ME);
     return next;

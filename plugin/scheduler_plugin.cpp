@@ -278,15 +278,6 @@ bool createSubscription(orv_context_t* context, peer_info_t* peer, const char* p
 
 // --- Dispatch of due changes ---------------------------------------------
 
-void setNextStateChange(object_t* object, time_t time) {
-    struct tm local {};
-    localtime_r(&time, &local);
-    if (!object_parameterSetDateTimeValue(object, "NextStateChange", &local)) {
-        tolvTrace(100, "Could not set nextstatechange");
-    }
-    object_commit(object);
-}
-
 // Plans the change that follows an applied one: searched from now + 1, so
 // that the applied change is never found due again in the same second.
 void planFollowingChange(object_t* object, time_t now) {
@@ -301,7 +292,10 @@ void planFollowingChange(object_t* object, time_t now) {
     if (!peeklist_addEntry(std::move(next))) {
         tolvTrace(100, "Error calculating the next event time");
     } else {
-        setNextStateChange(nextObject, nextTime);
+        if (!scheduleentry_setNextStateChange(nextObject, nextTime)) {
+            tolvTrace(100, "Could not set nextstatechange");
+        }
+        object_commit(nextObject);
     }
     tolvTraceZ(400, ME, "Now = %ld next =  %ld", static_cast<long>(now),
                static_cast<long>(nextTime));
