@@ -808,6 +808,24 @@ bool isValidOverride(object_t* object, const std::string& type, const std::strin
     return true;
 }
 
+// Enabling and overriding end a temporary override.
+bool clearTemporaryOverride(object_t* instance, const std::string& type, const std::string& id) {
+    if (!object_parameterSetBoolValue(instance, "TemporaryOverride", false)) {
+        tolvTrace(100, "Failed to set \"TemporaryOverride\" parameter for type %s with ID %s",
+                  type.c_str(), id.c_str());
+        return false;
+    }
+    return true;
+}
+
+// A failed commit does not undo the change: it is still announced.
+void commitAndAnnounce(object_t* instance, const std::string& type) {
+    if (!object_commit(instance)) {
+        tolvTrace(100, "Could not commit object");
+    }
+    scheduleModified(type);
+}
+
 bool enable(object_t* object, const std::string& type, const std::string& id, bool on) {
     object_t* instance = findSchedule(object, type, id);
     if (instance == nullptr) {
@@ -827,9 +845,7 @@ bool enable(object_t* object, const std::string& type, const std::string& id, bo
                   id.c_str());
         return false;
     }
-    if (!object_parameterSetBoolValue(instance, "TemporaryOverride", false)) {
-        tolvTrace(100, "Failed to set \"TemporaryOverride\" parameter for type %s with ID %s",
-                  type.c_str(), id.c_str());
+    if (!clearTemporaryOverride(instance, type, id)) {
         return false;
     }
     if (!scheduleentry_updateState(instance, *override, false, on)) {
@@ -837,10 +853,7 @@ bool enable(object_t* object, const std::string& type, const std::string& id, bo
                   id.c_str());
         return false;
     }
-    if (!object_commit(instance)) {
-        tolvTrace(100, "Could not commit object");
-    }
-    scheduleModified(type);
+    commitAndAnnounce(instance, type);
     return true;
 }
 
@@ -858,9 +871,7 @@ bool override(object_t* object, const std::string& type, const std::string& id,
                   id.c_str());
         return false;
     }
-    if (!object_parameterSetBoolValue(instance, "TemporaryOverride", false)) {
-        tolvTrace(100, "Failed to set \"TemporaryOverride\" parameter for type %s with ID %s",
-                  type.c_str(), id.c_str());
+    if (!clearTemporaryOverride(instance, type, id)) {
         return false;
     }
     bool enabled = variant_bool(object_parameterValue(instance, "Enable"));
@@ -868,10 +879,7 @@ bool override(object_t* object, const std::string& type, const std::string& id,
         tolvTrace(100, "Failed to update the schedule state %s with ID %s", type.c_str(),
                   id.c_str());
     }
-    if (!object_commit(instance)) {
-        tolvTrace(100, "Could not commit object");
-    }
-    scheduleModified(type);
+    commitAndAnnounce(instance, type);
     return true;
 }
 

@@ -354,40 +354,44 @@ const char* definition_typeName(variant_type_t type) {
     return "unknown";
 }
 
+namespace {
+
+// The converted value as a variant of the target type, or nullopt.
+template <typename T, typename Make>
+std::optional<variant_t> wrap(std::optional<T> value, Make make) {
+    if (!value) {
+        return std::nullopt;
+    }
+    return make(*value);
+}
+
+template <typename T>
+std::optional<variant_t> wrap(std::optional<T> value) {
+    return wrap(std::move(value), [](const T& v) { return variant_t(v); });
+}
+
+}  // namespace
+
 std::optional<variant_t> definition_convertValue(variant_type_t type, const variant_t& value) {
     switch (type) {
         case variant_type_string:
-            if (auto v = variant_toChar(&value))
-                return variant_t(std::string_view(*v));
-            return std::nullopt;
+            return wrap(variant_toChar(&value),
+                        [](const std::string& v) { return variant_t(std::string_view(v)); });
         case variant_type_bool:
-            if (auto v = variant_toBool(&value))
-                return variant_t(*v);
-            return std::nullopt;
+            return wrap(variant_toBool(&value));
         case variant_type_int32:
-            if (auto v = variant_toInt32(&value))
-                return variant_t(*v);
-            return std::nullopt;
+            return wrap(variant_toInt32(&value));
         case variant_type_uint32:
-            if (auto v = variant_toUInt32(&value))
-                return variant_t(*v);
-            return std::nullopt;
+            return wrap(variant_toUInt32(&value));
         case variant_type_int64:
-            if (auto v = variant_toInt64(&value))
-                return variant_t(*v);
-            return std::nullopt;
+            return wrap(variant_toInt64(&value));
         case variant_type_uint64:
-            if (auto v = variant_toUInt64(&value))
-                return variant_t(*v);
-            return std::nullopt;
+            return wrap(variant_toUInt64(&value));
         case variant_type_double:
-            if (auto v = variant_toDouble(&value))
-                return variant_t(*v);
-            return std::nullopt;
+            return wrap(variant_toDouble(&value));
         case variant_type_date_time:
-            if (auto v = variant_toDateTime(&value))
-                return variant_t::dateTime(*v);
-            return std::nullopt;
+            return wrap(variant_toDateTime(&value),
+                        [](std::int64_t v) { return variant_t::dateTime(v); });
         case variant_type_array:
             if (value.list())
                 return value;
