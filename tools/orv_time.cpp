@@ -28,8 +28,13 @@
 #include "orv/dbus_value.h"
 #include "orv/sd_loop.h"
 #include "orv/variant.h"
+#include "tool_bus.h"
 
 namespace {
+
+void complain(std::string_view what, int r) {
+    tool_complain("orv-time", what, r);
+}
 
 constexpr const char* kBusName = "org.orv.Time";
 constexpr const char* kObjectPath = "/Time";
@@ -42,20 +47,6 @@ constexpr std::uint32_t kTimeZoneNotification = 927;
 constexpr long kMaxErrorUs = 16000000;
 constexpr std::uint64_t kRecheckUs = 10000000;
 constexpr const char* kTimesyncFlag = "/run/systemd/timesync/synchronized";
-
-// Move-only owners of the C handles.
-struct bus_close {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct slot_unref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-struct source_unref {
-    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-};
-using bus_ptr = std::unique_ptr<sd_bus, bus_close>;
-using slot_ptr = std::unique_ptr<sd_bus_slot, slot_unref>;
-using source_ptr = std::unique_ptr<sd_event_source, source_unref>;
 
 class unique_fd_t {
   public:
@@ -88,12 +79,6 @@ struct options_t {
     std::string status = "auto";
 };
 
-// Takes a view so that reporting from a C callback never allocates or throws.
-void complain(std::string_view what, int r) {
-    std::fprintf(stderr, "orv-time: %.*s: %s\n", static_cast<int>(what.size()), what.data(),
-                 std::strerror(-r));
-}
-
 // The kernel's view, or the flag file that the time synchronisation daemon
 // leaves once it has set the clock.
 bool clockSynchronized() {
@@ -103,30 +88,6 @@ bool clockSynchronized() {
         return true;
     }
     return access(kTimesyncFlag, F_OK) == 0;
-}
-
-bus_ptr openBus(const std::string& which, int* r) {
-    sd_bus* raw = nullptr;
-    if (which == "session") {
-        *r = sd_bus_open_user_with_description(&raw, "orv-time");
-        return bus_ptr(raw);
-    }
-    if (which == "system") {
-        *r = sd_bus_open_system_with_description(&raw, "orv-time");
-        return bus_ptr(raw);
-    }
-    *r = sd_bus_new(&raw);
-    bus_ptr bus(raw);
-    if (*r < 0) {
-        return bus;
-    }
-    if ((*r = sd_bus_set_address(raw, which.c_str())) < 0 ||
-        (*r = sd_bus_set_bus_client(raw, 1)) < 0 ||
-        (*r = sd_bus_set_description(raw, "orv-time")) < 0) {
-        return bus;
-    }
-    *r = sd_bus_start(raw);
-    return bus;
 }
 
 // Far in the future, so the timer only ever wakes up when the clock is set.
@@ -428,7 +389,7 @@ int serve(const options_t& options) {
         return 1;
     }
     int r = 0;
-    bus_ptr bus = openBus(options.bus, &r);
+    bus_ptr bus = tool_openBus(options.bus, "orv-time", &r);
     if (r < 0) {
         complain("cannot connect to the " + options.bus + " bus", r);
         return 1;
