@@ -254,8 +254,8 @@ std::optional<search_t> prepareSearch(const object_t* object, time_t t) {
         return std::nullopt;
     }
     search.defaultState = std::move(*defaultState);
-    search.period = time_getPeriodLength(search.base, t);
     search.ref = time_calculateReferenceTime(search.base, t);
+    search.period = time_getPeriodLength(search.base, t, search.ref);
     tolvTrace(200, "now=%ld, ref=%ld", static_cast<long>(t), static_cast<long>(search.ref));
     search.rel = static_cast<std::int64_t>(t) - search.ref;
     std::optional<std::vector<offset_entry_t>> entries = convertEntries(*properties->entries);

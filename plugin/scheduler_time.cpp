@@ -94,12 +94,11 @@ std::int32_t time_getMaxBoundary(int base) {
     return isKnownBase(base) ? kMaxBoundaries[base - 1] : 0;
 }
 
-std::int64_t time_getPeriodLength(int base, time_t t) {
+std::int64_t time_getPeriodLength(int base, time_t t, time_t ref) {
     if (base != time_base_monthly && base != time_base_yearly) {
         return time_getMaxBoundary(base);
     }
-    return static_cast<std::int64_t>(nextPeriodStart(base, t)) -
-           static_cast<std::int64_t>(time_calculateReferenceTime(base, t));
+    return static_cast<std::int64_t>(nextPeriodStart(base, t)) - static_cast<std::int64_t>(ref);
 }
 
 int time_baseToEnum(std::string_view name) {

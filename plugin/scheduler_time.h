@@ -27,11 +27,11 @@ time_t time_calculateReferenceTime(int base, time_t t);
 // The largest offset an entry may have: -1 (no limit, read unsigned) for
 // "Once", 0 for an unknown base.
 std::int32_t time_getMaxBoundary(int base);
-// The length of the period of base that contains t, counted from its
+// The length of the period of base that contains t, counted from ref, its
 // reference time: the calendar length for "Monthly" and "Yearly" (up to the
 // local midnight that starts the next month or year), the maximum boundary
 // for the other bases.
-std::int64_t time_getPeriodLength(int base, time_t t);
+std::int64_t time_getPeriodLength(int base, time_t t, time_t ref);
 // The base of an exact, case-sensitive name; 0 for any other text.
 int time_baseToEnum(std::string_view name);
 // The name of a base; null outside 1..6.
