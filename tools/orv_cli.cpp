@@ -38,20 +38,6 @@ constexpr const char* kInterface = "org.orv.Object";
 constexpr const char* kBusPrefix = "org.orv.";
 constexpr int kFailed = 2;
 
-class bus_error_t {
-  public:
-    bus_error_t() = default;
-    ~bus_error_t() { sd_bus_error_free(&error_); }
-    bus_error_t(const bus_error_t&) = delete;
-    bus_error_t& operator=(const bus_error_t&) = delete;
-    sd_bus_error* get() { return &error_; }
-    const char* name() const { return error_.name != nullptr ? error_.name : ""; }
-    const char* message() const { return error_.message != nullptr ? error_.message : ""; }
-
-  private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
-};
-
 // What the command line asked for; filled in by the command table's setups.
 struct args_t {
     std::string bus = "session";

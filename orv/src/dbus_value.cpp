@@ -546,3 +546,7 @@ int orv_dbus_readMap(sd_bus_message* m, variant_map_t* out) noexcept {
     out->clear();
     return convert([&] { return readMap(m, out); });
 }
+
+const char* orv_dbus_signature(variant_type_t type) noexcept {
+    return signatureOf(type);
+}

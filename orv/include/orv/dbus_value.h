@@ -42,6 +42,10 @@ std::string orv_dbus_objectPath(std::string_view path) noexcept;
 // path maps to.
 std::optional<std::string> orv_dbus_dataModelPath(std::string_view objectPath) noexcept;
 
+// The D-Bus signature of a value of that type ("s" for a date-time), or null
+// for the empty type.
+const char* orv_dbus_signature(variant_type_t type) noexcept;
+
 // Append one "v" holding value, or one "a{sv}" holding map.
 int orv_dbus_appendVariant(sd_bus_message* m, const variant_t& value) noexcept;
 int orv_dbus_appendMap(sd_bus_message* m, const variant_map_t& map) noexcept;
