@@ -8,7 +8,7 @@ packages=(
     build-essential cmake ninja-build pkg-config
     libsystemd-dev nlohmann-json3-dev libcli11-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    tzdata dbus-daemon dbus-bin systemd
+    tzdata dbus-daemon dbus-bin systemd libglib2.0-bin
 )
 
 missing=()
