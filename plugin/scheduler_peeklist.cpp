@@ -1,7 +1,9 @@
 #include "scheduler_peeklist.h"
 
 #include <limits>
-#include <list>
+#include <map>
+#include <set>
+#include <utility>
 #include <optional>
 #include <vector>
 
@@ -16,8 +18,21 @@
 namespace {
 
 // The agenda. Entries run in ascending time; among equal times the entry
-// added last comes first.
-std::list<peeklist_entry_ptr> globalPeeklist;
+// added last comes first. Each entry is filed under the time it was added
+// with, so that peeklist_setNextEventTime can move the head's time without
+// moving the head.
+struct agenda_key_t {
+    time_t time;
+    // Descending insertion order: later entries sort first among equals.
+    std::uint64_t order;
+    auto operator<=>(const agenda_key_t&) const = default;
+};
+
+std::map<agenda_key_t, peeklist_entry_ptr> agenda;
+// The same entries by schedule, so that removing a schedule's entry does not
+// walk the agenda.
+std::set<std::pair<const object_t*, agenda_key_t>> bySchedule;
+std::uint64_t added = 0;
 
 constexpr std::int64_t kLongestTimeoutMs = std::numeric_limits<std::uint32_t>::max();
 
@@ -28,42 +43,42 @@ bool peeklist_addEntry(peeklist_entry_ptr entry) {
         tolvTrace(100, "Cannot add a NULL pointer to the peek list");
         return false;
     }
-    auto position = globalPeeklist.begin();
-    while (position != globalPeeklist.end() && (*position)->time < entry->time) {
-        ++position;
-    }
-    globalPeeklist.insert(position, std::move(entry));
+    const agenda_key_t key{entry->time, std::numeric_limits<std::uint64_t>::max() - added++};
+    bySchedule.insert({entry->object, key});
+    agenda.emplace(key, std::move(entry));
     return true;
 }
 
 void peeklist_removeEntry(const object_t* object) {
-    for (auto it = globalPeeklist.begin(); it != globalPeeklist.end(); ++it) {
-        if ((*it)->object == object) {
-            globalPeeklist.erase(it);
-            return;
-        }
+    auto it = bySchedule.lower_bound({object, agenda_key_t{std::numeric_limits<time_t>::min(), 0}});
+    if (it == bySchedule.end() || it->first != object) {
+        return;
     }
+    agenda.erase(it->second);
+    bySchedule.erase(it);
 }
 
 void peeklist_removeComleteList() {
-    globalPeeklist.clear();
+    agenda.clear();
+    bySchedule.clear();
 }
 
 peeklist_entry_ptr peeklist_takeFirstTimedOutEntry(time_t now) {
-    if (globalPeeklist.empty() || globalPeeklist.front()->time > now) {
+    if (agenda.empty() || agenda.begin()->second->time > now) {
         return nullptr;
     }
-    peeklist_entry_ptr head = std::move(globalPeeklist.front());
-    globalPeeklist.pop_front();
+    peeklist_entry_ptr head = std::move(agenda.begin()->second);
+    bySchedule.erase({head->object, agenda.begin()->first});
+    agenda.erase(agenda.begin());
     return head;
 }
 
 std::int64_t peeklist_getNextTimeOut(time_t now) {
-    if (globalPeeklist.empty()) {
+    if (agenda.empty()) {
         return -1;
     }
-    std::int64_t seconds =
-        static_cast<std::int64_t>(globalPeeklist.front()->time) - static_cast<std::int64_t>(now);
+    std::int64_t seconds = static_cast<std::int64_t>(agenda.begin()->second->time) -
+                           static_cast<std::int64_t>(now);
     if (seconds > kLongestTimeoutMs / 1000) {
         return kLongestTimeoutMs;
     }
@@ -71,26 +86,26 @@ std::int64_t peeklist_getNextTimeOut(time_t now) {
 }
 
 const peeklist_entry_t* peeklist_getGlobalPeeklist() {
-    return globalPeeklist.empty() ? nullptr : globalPeeklist.front().get();
+    return agenda.empty() ? nullptr : agenda.begin()->second.get();
 }
 
 const peeklist_entry_t* peeklist_getNextEntry() {
-    if (globalPeeklist.size() < 2) {
+    if (agenda.size() < 2) {
         return nullptr;
     }
-    return std::next(globalPeeklist.begin())->get();
+    return std::next(agenda.begin())->second.get();
 }
 
 bool peeklist_setNextEventTime(time_t t) {
-    if (globalPeeklist.empty()) {
+    if (agenda.empty()) {
         return false;
     }
-    globalPeeklist.front()->time = t;
+    agenda.begin()->second->time = t;
     return true;
 }
 
 std::size_t peeklist_size() {
-    return globalPeeklist.size();
+    return agenda.size();
 }
 
 // ---------------------------------------------------------------------------
@@ -376,9 +391,10 @@ peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entr
 }
 
 bool peeklist_recalculate(time_t now) {
-    std::list<peeklist_entry_ptr> old;
-    old.swap(globalPeeklist);
-    for (const peeklist_entry_ptr& entry : old) {
+    std::map<agenda_key_t, peeklist_entry_ptr> old;
+    old.swap(agenda);
+    bySchedule.clear();
+    for (const auto& [key, entry] : old) {
         if (!recalculateOne(entry->object, now)) {
             return false;
         }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "orv/error.h"
+#include "orv/loop.h"
 #include "orv/string.h"
 #include "orv/trace.h"
 #include "orv/variant.h"
@@ -389,6 +390,22 @@ std::unique_ptr<request_t> buildSetStateRequest(const char* path, const std::str
     return request;
 }
 
+// The agenda counts whole seconds from the start of the second `now`, but
+// the timer counts from the moment it is armed: the part of that second
+// already gone is taken off, rounded up, so that the timer fires at the due
+// second itself and never before it. The longest time-out stays as it is.
+std::uint32_t alignToSecond(std::uint32_t timeout, time_t now) {
+    if (timeout == std::numeric_limits<std::uint32_t>::max()) {
+        return timeout;
+    }
+    const std::int64_t spentUs = orv_time_now_us() - static_cast<std::int64_t>(now) * 1000000;
+    if (spentUs <= 0) {
+        return timeout;
+    }
+    const std::int64_t remainingUs = static_cast<std::int64_t>(timeout) * 1000 - spentUs;
+    return remainingUs <= 0 ? 0 : static_cast<std::uint32_t>((remainingUs + 999) / 1000);
+}
+
 void eventTimerHandler(orv_timer_t* timer) {
     time_t now = time_getCurrentLocalTime();
     if (!ntpSynchronized) {
@@ -400,6 +417,7 @@ void eventTimerHandler(orv_timer_t* timer) {
     }
     std::uint32_t timeout = 0;
     orv_plugin_eventTimerHandler_sim(now, recalculate, &timeout, false);
+    timeout = alignToSecond(timeout, now);
     tolvTraceZ(400, ME, "Starting peeklist timer with timeout %u", timeout);
     orv_timer_stop(eventTimer.get());
     if (!orv_timer_start(eventTimer.get(), timeout)) {
