@@ -26,14 +26,22 @@ reads() {
 }
 sleep_until() { while (($(date +%s) < $1)); do sleep 0.05; done; }
 
-# The plug-in counts whole seconds from the moment it plans, so a change
-# comes at the same fraction of its second as the call that planned it.
-# Calls that plan are made just after a second starts, so that the client's
-# second tells whether the change came in time. Sets now to the new second.
+# Calls that plan changes are made half a second into a second, so that a
+# change that came at the fraction of the planning call, and not at the start
+# of its own second, shows. Sets now to that second.
 next_second() {
-    local ms=$((1000 - 10#$(date +%N) / 1000000))
+    local ms=$((1500 - 10#$(date +%N) / 1000000))
     sleep "$((ms / 1000)).$(printf %03d $((ms % 1000)))"
     now=$(date +%s)
+}
+
+# Fails when a call from line FIRST of NAME.out on, other than those made in
+# the planning second SKIP, came later than 400 ms into its second.
+at_second_start() {
+    local late
+    late=$(tail -n +"$2" "$work/$1.out" | grep -v "\"time\":\"$(iso "$3")\." |
+        grep -Ev '"time":"[^"]*\.[0-3][0-9]{2}Z"')
+    [[ -z $late ]] || fail "changes came late in their second: $late"
 }
 
 # Adds a schedule that is "on" once, from BEGIN to END (seconds since the
@@ -118,6 +126,7 @@ check_changes() {
     once s2 $((now + 3)) $((now + 5))
     calls serve 5
     expect serve 2 "$now s2 off" "$((now + 3)) s2 on" "$((now + 5)) s2 off" "$((t0 + 12)) s1 off"
+    at_second_start serve 2 "$now"
 }
 
 # s3 is on from now + 3 to now + 8. The client is away at the first change,
