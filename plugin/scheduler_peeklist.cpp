@@ -2,9 +2,9 @@
 
 #include <limits>
 #include <map>
+#include <optional>
 #include <set>
 #include <utility>
-#include <optional>
 #include <vector>
 
 #include "orv/object.h"
@@ -77,8 +77,8 @@ std::int64_t peeklist_getNextTimeOut(time_t now) {
     if (agenda.empty()) {
         return -1;
     }
-    std::int64_t seconds = static_cast<std::int64_t>(agenda.begin()->second->time) -
-                           static_cast<std::int64_t>(now);
+    std::int64_t seconds =
+        static_cast<std::int64_t>(agenda.begin()->second->time) - static_cast<std::int64_t>(now);
     if (seconds > kLongestTimeoutMs / 1000) {
         return kLongestTimeoutMs;
     }

@@ -139,15 +139,81 @@ variant_t listVariant(variant_list_t* list) {
     return value;
 }
 
-// The frame of every handler: the enter marker, the argument count, and the
-// body, which nothing may leave. Handlers always answer 0: the result is in
-// the return value.
+// Bounds on what a client may send, so that a buggy or hostile caller cannot
+// make the service hold or walk unbounded data: every text, at any depth, and
+// the entry list of each schedule. Nesting is bounded as well, since the walk
+// recurses.
+constexpr std::size_t kMaxTextBytes = 4096;
+constexpr std::size_t kMaxEntries = 1024;
+constexpr int kMaxDepth = 64;
+
+// The reason a value breaks a bound, or null.
+const char* overLimit(const variant_t& value, int depth) {
+    if (depth > kMaxDepth) {
+        return "nested too deeply";
+    }
+    if (const std::string* text = value.text()) {
+        return text->size() > kMaxTextBytes ? "a text is longer than 4096 bytes" : nullptr;
+    }
+    if (const variant_list_t* list = value.list()) {
+        for (const variant_t& element : *list) {
+            if (const char* reason = overLimit(element, depth + 1)) {
+                return reason;
+            }
+        }
+    } else if (const variant_map_t* map = value.map()) {
+        for (const variant_map_entry_t& entry : *map) {
+            const variant_list_t* entries = entry.value.list();
+            if (entry.key == "schedule" && entries != nullptr && entries->size() > kMaxEntries) {
+                return "a schedule has more than 1024 entries";
+            }
+            if (entry.key.size() > kMaxTextBytes) {
+                return "a text is longer than 4096 bytes";
+            }
+            if (const char* reason = overLimit(entry.value, depth + 1)) {
+                return reason;
+            }
+        }
+    }
+    return nullptr;
+}
+
+// Checks every argument; a call that breaks a bound is answered like any
+// refused call: false, or an empty list for the functions that return one.
+bool withinLimits(const function_call_t* fcall, const argument_value_list_t* args,
+                  const char* function, variant_t* retval) {
+    for (const argument_value_t& argument : args->values()) {
+        const char* reason = argument.name.size() > kMaxTextBytes
+                                 ? "an argument name is longer than 4096 bytes"
+                                 : overLimit(argument.value, 0);
+        if (reason == nullptr) {
+            continue;
+        }
+        tolvTrace(100, "%s refused: %s", function, reason);
+        const function_definition_t* definition = fcall->function();
+        if (definition != nullptr && definition->returnType == variant_type_array) {
+            variant_list_t none;
+            variant_setListMove(retval, &none);
+        } else {
+            variant_setBool(retval, false);
+        }
+        return false;
+    }
+    return true;
+}
+
+// The frame of every handler: the enter marker, the argument count, the
+// bounds, and the body, which nothing may leave. Handlers always answer 0:
+// the result is in the return value.
 template <typename Body>
 int serve(const char* function, int line, function_call_t* fcall, argument_value_list_t* args,
-          Body&& body) noexcept {
+          variant_t* retval, Body&& body) noexcept {
     try {
         tolvTrace_marker(true, ME, function, __FILE__, line);
-        body(beginCall(fcall, args, function, line));
+        call_context_t call = beginCall(fcall, args, function, line);
+        if (withinLimits(fcall, args, function, retval)) {
+            body(call);
+        }
     } catch (const std::exception& e) {
         tolvTrace(100, "%s failed: %s", function, e.what());
     } catch (...) {
@@ -171,7 +237,7 @@ void comGetSchedules(const call_context_t& call, variant_t* retval, bool complet
 
 int __registerScheduleType(function_call_t* fcall, argument_value_list_t* args,
                            variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> path = readText(call, "path");
         std::optional<variant_list_t> states = readList(call, "states");
@@ -183,14 +249,14 @@ int __registerScheduleType(function_call_t* fcall, argument_value_list_t* args,
 
 int __unregisterScheduleType(function_call_t* fcall, argument_value_list_t* args,
                              variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         variant_setBool(retval, unregisterScheduleType(call.object, type));
     });
 }
 
 int __addSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::unique_ptr<schedule_t> schedule = readSchedule(call);
         variant_setBool(retval, addSchedule(call.object, type, schedule.get()));
@@ -199,7 +265,7 @@ int __addSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
 
 int __removeSchedules(function_call_t* fcall, argument_value_list_t* args,
                       variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         // Without "ID" every schedule of the type goes.
         std::optional<variant_list_t> ids = readList(call, "ID");
@@ -209,7 +275,7 @@ int __removeSchedules(function_call_t* fcall, argument_value_list_t* args,
 
 int __getScheduleTypes(function_call_t* fcall, argument_value_list_t* args,
                        variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         variant_list_t list;
         bool result = getScheduleTypes(call.object, &list);
         prependOut(args, "types", listVariant(&list));
@@ -219,18 +285,18 @@ int __getScheduleTypes(function_call_t* fcall, argument_value_list_t* args,
 
 int __getSchedules(function_call_t* fcall, argument_value_list_t* args,
                    variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args,
+    return serve(__func__, __LINE__, fcall, args, retval,
                  [&](const call_context_t& call) { comGetSchedules(call, retval, false); });
 }
 
 int __getCompleteSchedules(function_call_t* fcall, argument_value_list_t* args,
                            variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args,
+    return serve(__func__, __LINE__, fcall, args, retval,
                  [&](const call_context_t& call) { comGetSchedules(call, retval, true); });
 }
 
 int __getSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::unique_ptr<schedule_t> record;
@@ -245,7 +311,7 @@ int __getSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
 
 int __enableSchedule(function_call_t* fcall, argument_value_list_t* args,
                      variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         bool enable = readBool(call, "enable");
@@ -255,7 +321,7 @@ int __enableSchedule(function_call_t* fcall, argument_value_list_t* args,
 
 int __overrideSchedule(function_call_t* fcall, argument_value_list_t* args,
                        variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::optional<std::string> state = readText(call, "override");
@@ -265,7 +331,7 @@ int __overrideSchedule(function_call_t* fcall, argument_value_list_t* args,
 
 int __overrideState(function_call_t* fcall, argument_value_list_t* args,
                     variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::optional<std::string> state = readText(call, "State", "state");
@@ -275,7 +341,7 @@ int __overrideState(function_call_t* fcall, argument_value_list_t* args,
 
 int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
                        variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         time_t start = readTime(call, "start");
@@ -286,7 +352,7 @@ int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
 
 int __simulateSchedules(function_call_t* fcall, argument_value_list_t* args,
                         variant_t* retval) noexcept {
-    return serve(__func__, __LINE__, fcall, args, [&](const call_context_t& call) {
+    return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         time_t start = readTime(call, "start");
         time_t stop = readTime(call, "stop");
         returnLines(retval, simulateSchedules(call.object, start, stop));
