@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -265,6 +266,12 @@ int main(int argc, char** argv) {
         return code < 0 ? 0 : code;
     }
     tolvTraceSetLevel(options.traceLevel);
+    // Without TZ, every mktime looks at /etc/localtime again. Pinning it
+    // reads the zone once; the scheduler reads it again when the Time
+    // service reports that the zone changed.
+    if (std::getenv("TZ") == nullptr) {
+        setenv("TZ", ":/etc/localtime", 1);
+    }
     try {
         host_t host;
         return host.start(options) ? host.run() : kFailed;

@@ -380,12 +380,12 @@ object_t* scheduleentry_getSpecificSchedule(object_t* scheduler, std::string_vie
     if (!schedules) {
         return nullptr;
     }
-    for (object_t* instance = object_firstInstance(schedules); instance;
-         instance = object_nextInstance(instance)) {
-        if (hasId(instance, id)) {
-            tolvTraceZ(400, ME, "Scheduler ID found");
-            return instance;
-        }
+    // A schedule's instance is keyed by its ID, so the key finds it without
+    // walking every schedule of the type.
+    object_t* instance = schedules->instance(id);
+    if (instance != nullptr && hasId(instance, id)) {
+        tolvTraceZ(400, ME, "Scheduler ID found");
+        return instance;
     }
     tolvTrace(100, "ID %s not found, not setting enable parameter for type %s",
               std::string(id).c_str(), std::string(type).c_str());

@@ -216,8 +216,10 @@ void timeNotified(const notification_t* notification) {
         case notification_value_changed:
             timeStatusChanged(notification);
             break;
-        case kTimeSet:
         case kTimeZoneChanged:
+            time_reloadZone();
+            [[fallthrough]];
+        case kTimeSet:
         case kTimeChanged:
             // The clock moved: every planned change is computed anew.
             if (ntpSynchronized) {

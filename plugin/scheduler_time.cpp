@@ -1,6 +1,8 @@
 #include "scheduler_time.h"
 
 #include <array>
+#include <cstdlib>
+#include <string>
 
 #include "orv/loop.h"
 #include "orv/trace.h"
@@ -73,6 +75,19 @@ time_t nextPeriodStart(int base, time_t t) {
 
 time_t time_getCurrentLocalTime() {
     return static_cast<time_t>(orv_time_now());
+}
+
+void time_reloadZone() {
+    const char* pinned = std::getenv("TZ");
+    if (pinned == nullptr) {
+        tzset();
+        return;
+    }
+    const std::string zone = pinned;
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    setenv("TZ", zone.c_str(), 1);
+    tzset();
 }
 
 time_t time_calculateReferenceTime(int base, time_t t) {

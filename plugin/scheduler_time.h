@@ -21,6 +21,11 @@ enum time_base_t : int {
 
 // The current time of the host's clock.
 time_t time_getCurrentLocalTime();
+// Makes the C library read the local time zone again. A host may pin TZ so
+// that mktime and localtime do not look at the zone file on every call; a
+// pinned zone is only read again when TZ changes, so it is changed and set
+// back.
+void time_reloadZone();
 // The start of the period of base that contains t; 0 for "Once", t itself for
 // an unknown base.
 time_t time_calculateReferenceTime(int base, time_t t);

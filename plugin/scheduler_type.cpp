@@ -27,16 +27,13 @@ object_t* findTypesTemplate(object_t* scheduler) {
     return types;
 }
 
-// The first instance whose Type is exactly type; names are case-sensitive.
+// The instance whose Type is exactly type; names are case-sensitive. A type's
+// instance is keyed by its name, so the key finds it.
 object_t* findTypeInstance(const object_t* types, std::string_view type) {
-    for (object_t* instance = object_firstInstance(types); instance != nullptr;
-         instance = object_nextInstance(instance)) {
-        std::optional<std::string> name = variant_char(object_parameterValue(instance, "Type"));
-        if (name && *name == type) {
-            return instance;
-        }
-    }
-    return nullptr;
+    object_t* instance = types->instance(type);
+    const variant_t* name = instance != nullptr ? object_parameterValue(instance, "Type") : nullptr;
+    const std::string* text = name != nullptr ? name->text() : nullptr;
+    return text != nullptr && *text == type ? instance : nullptr;
 }
 
 object_t* findSchedulesTemplate(object_t* typeInstance) {
