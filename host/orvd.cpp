@@ -3,6 +3,7 @@
 // the plug-ins' requests to other services and runs the event loop. SIGTERM
 // and SIGINT end it cleanly with exit 0; losing the bus ends it with exit 1.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -159,6 +160,10 @@ bool host_t::ownNames() {
         for (const auto& object : definition->objects) {
             const std::string name = "org.orv." + object->name;
             const int r = sd_bus_request_name(bus_.get(), name.c_str(), 0);
+            if (r == -EEXIST || r == -EALREADY) {
+                complain("cannot own the name " + name + ": another process owns it");
+                return false;
+            }
             if (r < 0) {
                 complain("cannot own the name " + name + ": " + std::strerror(-r));
                 return false;
@@ -248,8 +253,8 @@ int parse(int argc, char** argv, options_t* options) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        const int code = app.exit(e);
-        return code == 0 ? -1 : code;
+        // Help ends with 0, a usage error with 2, like the other programs.
+        return app.exit(e) == 0 ? -1 : 2;
     }
     if (options->plugins.size() != options->definitions.size()) {
         complain("give one --definition for each --plugin");

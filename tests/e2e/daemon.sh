@@ -44,7 +44,9 @@ start_all() {
     pids+=("$!")
     "$cli" --bus "$addr" serve Device.Light >"$work/serve.out" 2>"$work/serve.log" &
     pids+=("$!")
-    "$orvd" --bus "$addr" --plugin "$plugin" --definition "$definition" 2>"$work/orvd.log" &
+    # ORVD_WRAPPER (words, unquoted on purpose) runs orvd under a checker.
+    ${ORVD_WRAPPER:-} "$orvd" --bus "$addr" --plugin "$plugin" --definition "$definition" \
+        2>"$work/orvd.log" &
     daemon=$!
     pids+=("$daemon")
     for name in org.orv.Time org.orv.Device org.orv.Scheduler; do
