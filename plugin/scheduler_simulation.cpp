@@ -44,8 +44,10 @@ void addLineTo(variant_list_t* lines, const std::string& line) {
     variant_list_addString(lines, line);
 }
 
-std::string timeLine(const char* format, time_t time, const std::string& state) {
-    return string_format(format, static_cast<long>(time), ctimeText(time).c_str(), state.c_str());
+// "<time> (<local time>) <what> <state>"; what is one of the fixed phrases.
+std::string timeLine(time_t time, const char* what, const std::string& state) {
+    return string_format("%ld (%s) %s %s", static_cast<long>(time), ctimeText(time).c_str(), what,
+                         state.c_str());
 }
 
 // Lists the changes of one schedule from start: each change after the last,
@@ -60,9 +62,8 @@ void listChanges(object_t* instance, time_t start, time_t stop, variant_list_t* 
             tolvTrace(200, "no items found (nothing in schedule?)");
             return;
         }
-        const char* format =
-            entry->isEvent != 0 ? "%ld (%s) send event %s" : "%ld (%s) switch state to %s";
-        addLineTo(lines, timeLine(format, entry->time, entry->state));
+        const char* what = entry->isEvent != 0 ? "send event" : "switch state to";
+        addLineTo(lines, timeLine(entry->time, what, entry->state));
         if (entry->time > stop) {
             addLineTo(lines, "Simulation ends");
             return;
@@ -91,7 +92,7 @@ variant_list_t scheduleentry_simulate(object_t* instance, const std::string& /*t
         properties != nullptr && properties->entries ? *properties->entries : noEntries;
     std::string state =
         schedule_currentState(entries, base, start, *defaultState).value_or(*defaultState);
-    addLineTo(&lines, timeLine("%ld (%s) starttime with state %s", start, state));
+    addLineTo(&lines, timeLine(start, "starttime with state", state));
     listChanges(instance, start, stop, &lines);
     return lines;
 }
@@ -134,9 +135,9 @@ void registerEvent(const char* eventName, const peeklist_entry_t& entry) {
     addLine(string_format("ID %s; simtime: %ld (%s); state %s", id.c_str(),
                           static_cast<long>(entry.time), ctimeText(entry.time).c_str(),
                           current.c_str()));
-    const char* format = entry.isEvent != 0 ? "ID %s; EVENT SIGNAL is now; Event %s; Value %s"
-                                            : "ID %s; Between events; Event %s; Value %s";
-    addLine(string_format(format, id.c_str(), eventName, entry.state.c_str()));
+    const char* when = entry.isEvent != 0 ? "EVENT SIGNAL is now" : "Between events";
+    addLine(string_format("ID %s; %s; Event %s; Value %s", id.c_str(), when, eventName,
+                          entry.state.c_str()));
     if (!object_parameterSetCharValue(object, "CurrentState", entry.state)) {
         tolvTrace(100, "Could not set CurrentState");
         return;
