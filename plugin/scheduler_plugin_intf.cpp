@@ -53,7 +53,21 @@ call_context_t beginCall(function_call_t* call, argument_value_list_t* args, con
     return {fcall_object(call), request_attributes(fcall_request(call)), args, function, line};
 }
 
-void traceMissing(const call_context_t& call, const char* label, const char* fallback) {
+// Thrown by the readers when an argument is there but does not convert to
+// the reader's type. Treating it as absent would turn a client's mistake
+// into a default, such as "remove every schedule" or "disable", so the whole
+// call is refused instead.
+struct argument_refused_t {};
+
+// A reader found nothing usable under name: absent is traced and handed on
+// as none, present with the wrong type refuses the call.
+void traceMissing(const call_context_t& call, const char* name, const char* label,
+                  const char* fallback) {
+    if (argument_valueByName(call.args, name) != nullptr) {
+        tolvTrace_message(100, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
+                          "Named parameter %s has the wrong type", label);
+        throw argument_refused_t{};
+    }
     tolvTrace_message(200, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
                       "Named parameter %s not found, using default value %s", label, fallback);
 }
@@ -63,7 +77,7 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
                                     const char* label) {
     std::optional<std::string> value;
     if (!argument_getChar(&value, call.args, call.attributes, name, std::nullopt)) {
-        traceMissing(call, label, "NULL");
+        traceMissing(call, name, label, "NULL");
     }
     return value;
 }
@@ -75,7 +89,7 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
 std::optional<variant_list_t> readList(const call_context_t& call, const char* name) {
     std::optional<variant_list_t> value;
     if (!argument_getList(&value, call.args, call.attributes, name, std::nullopt)) {
-        traceMissing(call, name, "NULL");
+        traceMissing(call, name, name, "NULL");
     }
     return value;
 }
@@ -83,7 +97,7 @@ std::optional<variant_list_t> readList(const call_context_t& call, const char* n
 bool readBool(const call_context_t& call, const char* name) {
     bool value = false;
     if (!argument_getBool(&value, call.args, call.attributes, name, false)) {
-        traceMissing(call, name, "false");
+        traceMissing(call, name, name, "false");
     }
     return value;
 }
@@ -92,7 +106,7 @@ bool readBool(const call_context_t& call, const char* name) {
 time_t readTime(const call_context_t& call, const char* name) {
     std::optional<struct tm> value;
     if (!argument_getDateTime(&value, call.args, call.attributes, name, std::nullopt) || !value) {
-        traceMissing(call, name, "NULL");
+        traceMissing(call, name, name, "NULL");
         return 0;
     }
     return mktime(&*value);
@@ -108,7 +122,7 @@ void returnLines(variant_t* retval, std::optional<variant_list_t> lines) {
 std::unique_ptr<schedule_t> readSchedule(const call_context_t& call) {
     argument_value_t* info = nullptr;
     if (!argument_get(&info, call.args, call.attributes, "info")) {
-        traceMissing(call, "info", "NULL");
+        traceMissing(call, "info", "info", "NULL");
         return nullptr;
     }
     variant_t* value = argument_value(info);
@@ -178,32 +192,34 @@ const char* overLimit(const variant_t& value, int depth) {
     return nullptr;
 }
 
-// Checks every argument; a call that breaks a bound is answered like any
-// refused call: false, or an empty list for the functions that return one.
-bool withinLimits(const function_call_t* fcall, const argument_value_list_t* args,
-                  const char* function, variant_t* retval) {
+// A refused call is answered like any failed one: false, or an empty list
+// for the functions that return one.
+void refuse(const function_call_t* fcall, variant_t* retval) {
+    const function_definition_t* definition = fcall->function();
+    if (definition != nullptr && definition->returnType == variant_type_array) {
+        variant_list_t none;
+        variant_setListMove(retval, &none);
+    } else {
+        variant_setBool(retval, false);
+    }
+}
+
+// The reason the arguments break a bound, or null.
+const char* argumentsOverLimit(const argument_value_list_t* args) {
     for (const argument_value_t& argument : args->values()) {
         const char* reason = argument.name.size() > kMaxTextBytes
                                  ? "an argument name is longer than 4096 bytes"
                                  : overLimit(argument.value, 0);
-        if (reason == nullptr) {
-            continue;
+        if (reason != nullptr) {
+            return reason;
         }
-        tolvTrace(100, "%s refused: %s", function, reason);
-        const function_definition_t* definition = fcall->function();
-        if (definition != nullptr && definition->returnType == variant_type_array) {
-            variant_list_t none;
-            variant_setListMove(retval, &none);
-        } else {
-            variant_setBool(retval, false);
-        }
-        return false;
     }
-    return true;
+    return nullptr;
 }
 
 // The frame of every handler: the enter marker, the argument count, the
-// bounds, and the body, which nothing may leave. Handlers always answer 0:
+// bounds, and the body, which nothing may leave; a wrongly typed argument
+// refuses the call. Handlers always answer 0:
 // the result is in the return value.
 template <typename Body>
 int serve(const char* function, int line, function_call_t* fcall, argument_value_list_t* args,
@@ -211,9 +227,14 @@ int serve(const char* function, int line, function_call_t* fcall, argument_value
     try {
         tolvTrace_marker(true, ME, function, __FILE__, line);
         call_context_t call = beginCall(fcall, args, function, line);
-        if (withinLimits(fcall, args, function, retval)) {
+        if (const char* reason = argumentsOverLimit(args)) {
+            tolvTrace(100, "%s refused: %s", function, reason);
+            refuse(fcall, retval);
+        } else {
             body(call);
         }
+    } catch (const argument_refused_t&) {
+        refuse(fcall, retval);
     } catch (const std::exception& e) {
         tolvTrace(100, "%s failed: %s", function, e.what());
     } catch (...) {
