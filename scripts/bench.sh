@@ -1,0 +1,180 @@
+#!/usr/bin/env bash
+# Builds the default preset and measures the performance targets of the
+# scheduler, then prints one table of figures, targets and verdicts:
+#  - in process (bench/bench_scheduler, Google Benchmark through the virtual
+#    host): the cost of each call and of a dispatched change at 100,000
+#    schedules against 100, a full recomputation, and memory per schedule;
+#  - on D-Bus (bench/orv-load against orvd on a private dbus-daemon, with
+#    orv-time forced to Synchronized): lateness of changes, a burst of changes
+#    due in one second, and addSchedule against a bare Ping.
+# Each D-Bus load gets a fresh orvd. Every process started here is stopped on
+# the way out, also after a failure or Ctrl-C.
+#
+# Usage: scripts/bench.sh [--only inprocess|dbus] [--repetitions N]
+#
+# The exit code is 0 when every figure was measured, met or missed, and 1
+# when a measurement could not be made.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+only=""
+repetitions=3
+while (($#)); do
+    case $1 in
+    --only)
+        only=${2:?--only needs inprocess or dbus}
+        shift 2
+        ;;
+    --repetitions)
+        repetitions=${2:?--repetitions needs a number}
+        shift 2
+        ;;
+    *)
+        echo "usage: scripts/bench.sh [--only inprocess|dbus] [--repetitions N]" >&2
+        exit 2
+        ;;
+    esac
+done
+
+scripts/install-deps.sh
+cmake --preset default >/dev/null
+cmake --build --preset default
+
+bin=build/default
+work=$(mktemp -d)
+summary=$work/summary.tsv
+: >"$summary"
+pids=()
+failed=0
+
+forget() {
+    local kept=() pid
+    for pid in "${pids[@]}"; do
+        [[ $pid == "$1" ]] || kept+=("$pid")
+    done
+    pids=("${kept[@]}")
+}
+
+stop_pid() {
+    kill -TERM "$1" 2>/dev/null || true
+    wait "$1" 2>/dev/null || true
+    forget "$1"
+}
+
+cleanup() {
+    local status=$?
+    trap - EXIT INT TERM
+    # The latest first, so that orvd ends while its bus is still there.
+    local i
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+        kill -TERM "${pids[i]}" 2>/dev/null || true
+        wait "${pids[i]}" 2>/dev/null || true
+    done
+    rm -rf "$work"
+    exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# Runs a command in the background and waits for it, so that a signal
+# reaches the traps at once instead of after the command.
+step() {
+    "$@" &
+    local pid=$! rc=0
+    pids+=("$pid")
+    wait "$pid" || rc=$?
+    forget "$pid"
+    return "$rc"
+}
+
+export TZ=UTC LC_ALL=C
+# The plug-in's trace zone stays unregistered: tracing would be measured.
+unset scheduler_plugin
+
+echo "=== load average before: $(cut -d ' ' -f 1-3 /proc/loadavg)"
+
+if [[ $only != dbus ]]; then
+    echo "=== in process"
+    step "$bin/bench/bench_scheduler" --benchmark_format=console \
+        --benchmark_repetitions="$repetitions" --benchmark_display_aggregates_only=true \
+        --benchmark_out="$work/inprocess.json" --benchmark_out_format=json \
+        --summary="$summary" || {
+        failed=1
+        printf 'in-process benchmarks\t-\t-\tnot measured\n' >>"$summary"
+    }
+fi
+
+# Waits at most 10 s for a bus name to get an owner.
+await() {
+    local _
+    for _ in $(seq 100); do
+        busctl --address="$addr" status "$1" >/dev/null 2>&1 && return 0
+        sleep 0.1
+    done
+    echo "$1 did not appear on the bus" >&2
+    return 1
+}
+
+show_log() {
+    [[ -s $1 ]] && { echo "--- $1" >&2; tail -n 20 "$1" >&2; }
+    return 0
+}
+
+# One load against a fresh orvd: NAME ORV-LOAD-OPTIONS...
+load() {
+    local name=$1 orvd_pid
+    shift
+    echo "=== D-Bus: $name"
+    "$bin/host/orvd" --bus "$addr" --plugin "$bin/plugin/scheduler_plugin.so" \
+        --definition definitions/scheduler.json --trace-level 0 2>"$work/orvd-$name.log" &
+    orvd_pid=$!
+    pids+=("$orvd_pid")
+    if ! await org.orv.Scheduler ||
+        ! step "$bin/bench/orv-load" --bus "$addr" --summary "$summary" "$@"; then
+        failed=1
+        printf 'D-Bus %s\t-\t-\tnot measured\n' "$name" >>"$summary"
+        show_log "$work/orvd-$name.log"
+    fi
+    stop_pid "$orvd_pid"
+}
+
+if [[ $only != inprocess ]]; then
+    dbus-daemon --session --nofork --print-address=3 3>"$work/address" 2>"$work/bus.log" &
+    pids+=("$!")
+    for _ in $(seq 100); do
+        [[ -s $work/address ]] && break
+        sleep 0.1
+    done
+    addr=$(head -n 1 "$work/address")
+    "$bin/tools/orv-time" --bus "$addr" --status Synchronized 2>"$work/time.log" &
+    pids+=("$!")
+    await org.orv.Time
+
+    load lateness --mode lateness --count 1000 --window 30
+    load burst --mode burst --count 1000
+    load overhead --mode overhead --population 10000 --rounds 2000
+fi
+
+echo
+echo "=== load average after: $(cut -d ' ' -f 1-3 /proc/loadavg)"
+awk -F '\t' '
+    BEGIN { split("figure value target verdict", head, " ") }
+    {
+        rows = NR
+        for (i = 1; i <= 4; i++) {
+            cell[NR, i] = $i
+            if (length($i) > width[i]) width[i] = length($i)
+        }
+    }
+    END {
+        for (i = 1; i <= 4; i++) if (length(head[i]) > width[i]) width[i] = length(head[i])
+        format = "%-" width[1] "s  %-" width[2] "s  %-" width[3] "s  %s\n"
+        printf format, head[1], head[2], head[3], head[4]
+        for (r = 1; r <= rows; r++) printf format, cell[r, 1], cell[r, 2], cell[r, 3], cell[r, 4]
+    }' "$summary"
+
+if grep -q $'\tnot measured$' "$summary"; then
+    failed=1
+fi
+exit "$failed"
