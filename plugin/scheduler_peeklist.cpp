@@ -3,7 +3,7 @@
 #include <limits>
 #include <map>
 #include <optional>
-#include <set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -30,11 +30,21 @@ struct agenda_key_t {
 
 std::map<agenda_key_t, peeklist_entry_ptr> agenda;
 // The same entries by schedule, so that removing a schedule's entry does not
-// walk the agenda.
-std::set<std::pair<const object_t*, agenda_key_t>> bySchedule;
+// walk the agenda. A schedule rarely has more than one entry.
+std::unordered_multimap<const object_t*, agenda_key_t> bySchedule;
 std::uint64_t added = 0;
 
 constexpr std::int64_t kLongestTimeoutMs = std::numeric_limits<std::uint32_t>::max();
+
+void forgetSchedule(const object_t* object, const agenda_key_t& key) {
+    auto [first, last] = bySchedule.equal_range(object);
+    for (auto it = first; it != last; ++it) {
+        if (it->second == key) {
+            bySchedule.erase(it);
+            return;
+        }
+    }
+}
 
 }  // namespace
 
@@ -44,18 +54,25 @@ bool peeklist_addEntry(peeklist_entry_ptr entry) {
         return false;
     }
     const agenda_key_t key{entry->time, std::numeric_limits<std::uint64_t>::max() - added++};
-    bySchedule.insert({entry->object, key});
+    bySchedule.emplace(entry->object, key);
     agenda.emplace(key, std::move(entry));
     return true;
 }
 
 void peeklist_removeEntry(const object_t* object) {
-    auto it = bySchedule.lower_bound({object, agenda_key_t{std::numeric_limits<time_t>::min(), 0}});
-    if (it == bySchedule.end() || it->first != object) {
+    // The schedule's first entry in agenda order.
+    auto [first, last] = bySchedule.equal_range(object);
+    auto earliest = first;
+    for (auto it = first; it != last; ++it) {
+        if (it->second < earliest->second) {
+            earliest = it;
+        }
+    }
+    if (earliest == last) {
         return;
     }
-    agenda.erase(it->second);
-    bySchedule.erase(it);
+    agenda.erase(earliest->second);
+    bySchedule.erase(earliest);
 }
 
 void peeklist_removeComleteList() {
@@ -68,7 +85,7 @@ peeklist_entry_ptr peeklist_takeFirstTimedOutEntry(time_t now) {
         return nullptr;
     }
     peeklist_entry_ptr head = std::move(agenda.begin()->second);
-    bySchedule.erase({head->object, agenda.begin()->first});
+    forgetSchedule(head->object, agenda.begin()->first);
     agenda.erase(agenda.begin());
     return head;
 }

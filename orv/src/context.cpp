@@ -66,11 +66,6 @@ std::optional<std::string> textOf(const variant_t* value) {
     return variant_toChar(value);
 }
 
-// Frees the requests that were destroyed while a handler ran.
-void releaseDestroyed(std::list<std::unique_ptr<request_t>>& requests) {
-    requests.remove_if([](const auto& owned) { return request_access::destroyed(*owned); });
-}
-
 }  // namespace
 
 orv_context_t::orv_context_t(orv_loop_t* loop, datamodel_t* model, orv_transport_t* transport)
@@ -90,8 +85,7 @@ orv_context_t::~orv_context_t() {
     }
     for (const auto& entry : open) {
         request_t* request = entry.first;
-        auto it = std::find_if(requests_.begin(), requests_.end(),
-                               [&](const auto& owned) { return owned.get() == request; });
+        auto it = find(request);
         if (it == requests_.end() || request->id() != entry.second ||
             request_access::destroyed(*request)) {
             continue;
@@ -106,6 +100,7 @@ orv_context_t::~orv_context_t() {
         request_access::setContext(*request, nullptr);
     }
     requests_.clear();
+    index_.clear();
     connection_.context = nullptr;
 }
 
@@ -134,8 +129,10 @@ request_t* orv_context_t::send(std::unique_ptr<request_t> request) {
     request_t* raw = request.get();
     request_access::setContext(*raw, this);
     requests_.push_back(std::move(request));
+    index_[raw] = std::prev(requests_.end());
     if (!transport_->send(raw, sink())) {
         // Nothing was started on the bus: the request goes at once.
+        index_.erase(raw);
         requests_.pop_back();
         return nullptr;
     }
@@ -146,8 +143,7 @@ void orv_context_t::destroy(request_t* request) {
     if (!request) {
         return;
     }
-    auto it = std::find_if(requests_.begin(), requests_.end(),
-                           [&](const auto& owned) { return owned.get() == request; });
+    auto it = find(request);
     if (it == requests_.end() || request_access::destroyed(*request)) {
         return;
     }
@@ -165,8 +161,7 @@ void orv_context_t::deliver(request_t* request, std::vector<reply_item_t> items)
     if (!request) {
         return;
     }
-    auto it = std::find_if(requests_.begin(), requests_.end(),
-                           [&](const auto& owned) { return owned.get() == request; });
+    auto it = find(request);
     if (it == requests_.end() || request_access::destroyed(*request)) {
         return;
     }
@@ -199,7 +194,7 @@ void orv_context_t::deliver(request_t* request, std::vector<reply_item_t> items)
     --delivering_;
     if (delivering_ == 0) {
         // Requests destroyed by the handler go now.
-        releaseDestroyed(requests_);
+        releaseDestroyed();
     }
 }
 
@@ -207,8 +202,7 @@ void orv_context_t::cancel(request_t* request) {
     if (!request) {
         return;
     }
-    auto it = std::find_if(requests_.begin(), requests_.end(),
-                           [&](const auto& owned) { return owned.get() == request; });
+    auto it = find(request);
     if (it == requests_.end() || request_access::destroyed(*request)) {
         return;
     }
@@ -218,15 +212,32 @@ void orv_context_t::cancel(request_t* request) {
     }
     --delivering_;
     if (delivering_ == 0) {
-        releaseDestroyed(requests_);
+        releaseDestroyed();
     }
 }
 
+orv_context_t::request_list_t::iterator orv_context_t::find(const request_t* request) {
+    auto it = index_.find(request);
+    return it == index_.end() ? requests_.end() : it->second;
+}
+
 void orv_context_t::release(request_t* request) {
-    auto it = std::find_if(requests_.begin(), requests_.end(),
-                           [&](const auto& owned) { return owned.get() == request; });
+    auto it = find(request);
     if (it != requests_.end()) {
+        index_.erase(request);
         requests_.erase(it);
+    }
+}
+
+// Frees the requests that were destroyed while a handler ran.
+void orv_context_t::releaseDestroyed() {
+    for (auto it = requests_.begin(); it != requests_.end();) {
+        if (request_access::destroyed(**it)) {
+            index_.erase(it->get());
+            it = requests_.erase(it);
+        } else {
+            ++it;
+        }
     }
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 
 #include "orv/loop.h"
 #include "orv/notification.h"
@@ -56,7 +57,11 @@ class orv_context_t final : private orv_request_sink_t {
   private:
     void deliver(request_t* request, std::vector<reply_item_t> items) override;
     void cancel(request_t* request) override;
+    using request_list_t = std::list<std::unique_ptr<request_t>>;
+    // The request's place in requests_, or requests_.end().
+    request_list_t::iterator find(const request_t* request);
     void release(request_t* request);
+    void releaseDestroyed();
 
     orv_loop_t* loop_;
     datamodel_t* model_;
@@ -65,7 +70,10 @@ class orv_context_t final : private orv_request_sink_t {
     peer_info_t peer_;
     orv_plugin_config_t config_;
     std::map<std::uint32_t, std::uint32_t> attributes_;
-    std::list<std::unique_ptr<request_t>> requests_;
+    request_list_t requests_;
+    // Where each request sits in requests_: a plug-in that sends many requests
+    // in one handler must not pay a walk of the list for each.
+    std::unordered_map<const request_t*, request_list_t::iterator> index_;
     int delivering_ = 0;
 };
 
