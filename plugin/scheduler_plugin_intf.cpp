@@ -360,6 +360,23 @@ int __overrideState(function_call_t* fcall, argument_value_list_t* args,
     });
 }
 
+namespace {
+
+// A simulation costs time and memory in proportion to the span it covers, and
+// any client may ask for one: a span longer than five years is refused.
+constexpr std::int64_t kMaxSimulatedSeconds = 5LL * 366 * 86400;
+
+bool spanTooLong(const call_context_t& call, time_t start, time_t stop) {
+    if (static_cast<std::int64_t>(stop) - static_cast<std::int64_t>(start) <=
+        kMaxSimulatedSeconds) {
+        return false;
+    }
+    tolvTrace(100, "%s refused: a simulation covers at most five years", call.function);
+    return true;
+}
+
+}  // namespace
+
 int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
                        variant_t* retval) noexcept {
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
@@ -367,6 +384,10 @@ int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> id = readText(call, "ID");
         time_t start = readTime(call, "start");
         time_t stop = readTime(call, "stop");
+        if (spanTooLong(call, start, stop)) {
+            returnLines(retval, std::nullopt);
+            return;
+        }
         returnLines(retval, simulateSchedule(call.object, type, id, start, stop));
     });
 }
@@ -376,6 +397,10 @@ int __simulateSchedules(function_call_t* fcall, argument_value_list_t* args,
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         time_t start = readTime(call, "start");
         time_t stop = readTime(call, "stop");
+        if (spanTooLong(call, start, stop)) {
+            returnLines(retval, std::nullopt);
+            return;
+        }
         returnLines(retval, simulateSchedules(call.object, start, stop));
     });
 }

@@ -155,7 +155,8 @@ std::optional<std::string> dataModelPath(std::string_view path) {
     for (;;) {
         const std::size_t slash = path.find('/');
         const auto label = unescapeLabel(path.substr(0, slash));
-        if (!label) {
+        // A dot inside an element would read back as two elements.
+        if (!label || label->find('.') != std::string::npos) {
             return std::nullopt;
         }
         out += *label;
