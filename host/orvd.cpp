@@ -16,6 +16,7 @@
 #include "orv/dbus_export.h"
 #include "orv/dbus_handle.h"
 #include "orv/dbus_transport.h"
+#include "orv/dbus_value.h"
 #include "orv/function.h"
 #include "orv/object.h"
 #include "orv/plugin.h"
@@ -158,7 +159,7 @@ bool host_t::initializePlugins() {
 bool host_t::ownNames() {
     for (const auto& definition : model_->definitions()) {
         for (const auto& object : definition->objects) {
-            const std::string name = "org.orv." + object->name;
+            const std::string name = orv_dbus_busName(object->name);
             const int r = sd_bus_request_name(bus_.get(), name.c_str(), 0);
             if (r == -EEXIST || r == -EALREADY) {
                 complain("cannot own the name " + name + ": another process owns it");

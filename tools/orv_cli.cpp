@@ -35,7 +35,6 @@ void complain(std::string_view what, int r) {
 }
 
 constexpr const char* kInterface = "org.orv.Object";
-constexpr const char* kBusPrefix = "org.orv.";
 constexpr int kFailed = 2;
 
 // What the command line asked for; filled in by the command table's setups.
@@ -67,12 +66,12 @@ bus_ptr connect(const args_t& args) {
 
 // The bus name of the process serving the path's root object.
 std::optional<std::string> busName(const std::string& path) {
-    const std::string root = path.substr(0, path.find('.'));
-    if (root.empty()) {
+    std::string name = orv_dbus_busName(path);
+    if (name.empty()) {
         std::fprintf(stderr, "orv-cli: the path \"%s\" has no root object\n", path.c_str());
         return std::nullopt;
     }
-    return kBusPrefix + root;
+    return name;
 }
 
 bool isUnknownPath(std::string_view name) {

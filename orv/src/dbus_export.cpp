@@ -477,14 +477,6 @@ orv_dbus_export_t::~orv_dbus_export_t() {
     }
 }
 
-std::optional<std::string> orv_dbus_export_t::introspect(std::string_view objectPath) const {
-    const object_t* object = findObject(model_, objectPath);
-    if (object == nullptr) {
-        return std::nullopt;
-    }
-    return introspectionXml(object, object == model_->root());
-}
-
 // Signals are announcements: a failure to build or queue one must not undo
 // the commit that caused it, so the observers swallow every error.
 void orv_dbus_export_t::instanceAdded(object_t& instance) {

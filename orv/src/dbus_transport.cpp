@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::string_view kBusPrefix = "org.orv.";
 constexpr const char* kInterface = "org.orv.Object";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 constexpr const char* kDBus = "org.freedesktop.DBus";
@@ -30,10 +29,6 @@ enum pending_kind_t : int {
 
 std::string_view rootOf(std::string_view path) {
     return path.substr(0, path.find('.'));
-}
-
-std::string busName(std::string_view root) {
-    return std::string(kBusPrefix) + std::string(root);
 }
 
 notification_t valueChanged(const std::string& path, const std::string& name,
@@ -107,9 +102,9 @@ struct orv_dbus_transport_t::dispatch_t {
             const std::string name = readText(m);
             const std::string oldOwner = readText(m);
             const std::string newOwner = readText(m);
-            if (name.rfind(kBusPrefix, 0) == 0 && name.size() > kBusPrefix.size()) {
-                static_cast<orv_dbus_transport_t*>(userdata)->ownerChanged(
-                    name.substr(kBusPrefix.size()), oldOwner, newOwner);
+            if (const auto root = orv_dbus_rootOfBusName(name)) {
+                static_cast<orv_dbus_transport_t*>(userdata)->ownerChanged(*root, oldOwner,
+                                                                           newOwner);
             }
         } catch (...) {
         }
@@ -273,8 +268,8 @@ bool orv_dbus_transport_t::start(std::string* error) {
     }
     const char* name = nullptr;
     while (sd_bus_message_read_basic(raw, 's', &name) > 0) {
-        const std::string_view text(name);
-        if (text.rfind(kBusPrefix, 0) != 0 || text.size() == kBusPrefix.size()) {
+        const auto root = orv_dbus_rootOfBusName(name);
+        if (!root) {
             continue;
         }
         const char* owner = nullptr;
@@ -284,7 +279,7 @@ bool orv_dbus_transport_t::start(std::string* error) {
                                ownerError.get(), &reply, "s", name) >= 0) {
             orv_message_ptr owned(reply);
             if (sd_bus_message_read_basic(reply, 's', &owner) > 0) {
-                owners_[std::string(text.substr(kBusPrefix.size()))] = owner;
+                owners_[*root] = owner;
             }
         }
     }
@@ -361,7 +356,7 @@ bool orv_dbus_transport_t::call(request_t* request, orv_request_sink_t* sink) {
         return false;
     }
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus_, &raw, busName(root).c_str(),
+    int r = sd_bus_message_new_method_call(bus_, &raw, orv_dbus_busName(request->path()).c_str(),
                                            orv_dbus_objectPath(request->path()).c_str(), kInterface,
                                            request->function().c_str());
     orv_message_ptr m(raw);
@@ -390,7 +385,7 @@ bool orv_dbus_transport_t::call(request_t* request, orv_request_sink_t* sink) {
 void orv_dbus_transport_t::fetch(std::uint32_t id, int kind, const std::string& path) {
     sd_bus_message* raw = nullptr;
     int r =
-        sd_bus_message_new_method_call(bus_, &raw, busName(rootOf(path)).c_str(),
+        sd_bus_message_new_method_call(bus_, &raw, orv_dbus_busName(path).c_str(),
                                        orv_dbus_objectPath(path).c_str(), kProperties, "GetAll");
     orv_message_ptr m(raw);
     if (r < 0 || sd_bus_message_append_basic(raw, 's', kInterface) < 0) {

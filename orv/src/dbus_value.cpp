@@ -19,6 +19,9 @@ constexpr int kMaxDepth = 64;
 
 constexpr char kHexDigits[] = "0123456789abcdef";
 
+// The process serving root object A owns org.orv.A.
+constexpr std::string_view kBusPrefix = "org.orv.";
+
 bool tooDeep(int depth) {
     return depth >= kMaxDepth;
 }
@@ -550,4 +553,19 @@ int orv_dbus_readMap(sd_bus_message* m, variant_map_t* out) noexcept {
 
 const char* orv_dbus_signature(variant_type_t type) noexcept {
     return signatureOf(type);
+}
+
+std::string orv_dbus_busName(std::string_view path) noexcept {
+    const std::string_view root = path.substr(0, path.find('.'));
+    return root.empty() ? std::string() : guarded(std::string(), [&] {
+        return std::string(kBusPrefix) + std::string(root);
+    });
+}
+
+std::optional<std::string> orv_dbus_rootOfBusName(std::string_view name) noexcept {
+    if (name.size() <= kBusPrefix.size() || name.substr(0, kBusPrefix.size()) != kBusPrefix) {
+        return std::nullopt;
+    }
+    return guarded(std::optional<std::string>(),
+                   [&] { return std::optional<std::string>(name.substr(kBusPrefix.size())); });
 }

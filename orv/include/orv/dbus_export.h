@@ -30,10 +30,6 @@ class orv_dbus_export_t final : private object_observer_t {
     orv_dbus_export_t(const orv_dbus_export_t&) = delete;
     orv_dbus_export_t& operator=(const orv_dbus_export_t&) = delete;
 
-    // The introspection data of an object path; nullopt when nothing visible
-    // lives there.
-    std::optional<std::string> introspect(std::string_view objectPath) const;
-
   private:
     struct dispatch_t;
     friend struct dispatch_t;

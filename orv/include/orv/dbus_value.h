@@ -46,6 +46,13 @@ std::optional<std::string> orv_dbus_dataModelPath(std::string_view objectPath) n
 // for the empty type.
 const char* orv_dbus_signature(variant_type_t type) noexcept;
 
+// The bus name of the process that serves the path's root object:
+// "Device.Light" -> "org.orv.Device"; "" when the path has no root.
+std::string orv_dbus_busName(std::string_view path) noexcept;
+// The reverse: the root object a bus name stands for ("org.orv.Time" ->
+// "Time"), nullopt for a name outside org.orv.
+std::optional<std::string> orv_dbus_rootOfBusName(std::string_view name) noexcept;
+
 // Append one "v" holding value, or one "a{sv}" holding map.
 int orv_dbus_appendVariant(sd_bus_message* m, const variant_t& value) noexcept;
 int orv_dbus_appendMap(sd_bus_message* m, const variant_map_t& map) noexcept;
