@@ -3,8 +3,8 @@
 // A schedule travels as a map with the keys "ID", "enable", "base", "def",
 // "override" (required), "value" and "schedule" (optional); each element of
 // "schedule" is an entry map with "state", "begin" and "end". Inside the
-// plug-in a schedule is a schedule_t; its entries stay in map form and are
-// converted one at a time when they are evaluated.
+// plug-in a schedule is a schedule_t whose entries stay in map form until a
+// schedule instance packs them into schedule_entry_t records.
 #pragma once
 
 #include <cstdint>

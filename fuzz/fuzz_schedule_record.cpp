@@ -20,6 +20,7 @@
 #include "orv/trace.h"
 #include "orv/variant.h"
 #include "orv/variant_map.h"
+#include "scheduler_entrylist.h"
 #include "scheduler_plugin_common.h"
 #include "scheduler_schedule.h"
 #include "scheduler_time.h"
@@ -122,22 +123,26 @@ void checkOrdering(const variant_list_t& input, const variant_list_t& ordered,
     }
 }
 
-// A verified list holds state spans that do not overlap, or only events:
-// each span's state holds from its begin to the second before its end, and
-// events never change the state held between them.
+// A verified list packs, and reads back exactly as it was given. It holds
+// state spans that do not overlap, or only events: each span's state holds
+// from its begin to the second before its end, and events never change the
+// state held between them.
 void checkVerifiedStates(const variant_list_t& ordered, int base, const std::string& def) {
-    for (const variant_t& element : ordered) {
-        std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
-        FUZZ_REQUIRE(entry != nullptr);
-        const bool event = entry->begin == entry->end;
-        const std::string& expected = event ? def : entry->state;
-        const time_t first = timeAtOffset(base, entry->begin);
-        std::optional<std::string> atBegin = schedule_currentState(ordered, base, first, def);
-        FUZZ_REQUIRE(atBegin && *atBegin == expected);
+    std::optional<entrylist_t> packed =
+        entrylist_pack(std::make_shared<const variant_list_t>(ordered));
+    FUZZ_REQUIRE(packed.has_value());
+    std::shared_ptr<const variant_list_t> back = entrylist_variants(*packed);
+    // Kept maps come back as they are (a NaN state would not even equal
+    // itself); rebuilt ones must equal what was given.
+    FUZZ_REQUIRE(back && (back == packed->given || *back == ordered));
+    for (const schedule_entry_t& entry : packed->entries) {
+        const bool event = entry.begin == entry.end;
+        const std::string& expected = event ? def : entry.state;
+        const time_t first = timeAtOffset(base, entry.begin);
+        FUZZ_REQUIRE(schedule_currentState(packed->entries, base, first, def) == expected);
         if (!event) {
-            const time_t last = timeAtOffset(base, entry->end - 1);
-            std::optional<std::string> atEnd = schedule_currentState(ordered, base, last, def);
-            FUZZ_REQUIRE(atEnd && *atEnd == expected);
+            const time_t last = timeAtOffset(base, entry.end - 1);
+            FUZZ_REQUIRE(schedule_currentState(packed->entries, base, last, def) == expected);
         }
     }
 }

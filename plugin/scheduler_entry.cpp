@@ -68,23 +68,23 @@ bool statesAllowed(const variant_list_t& states, const schedule_t& schedule) {
 
 // The entries as the instance keeps them: ordered, without the entries that
 // set the default state, and verified against the base and the type's states.
-std::shared_ptr<const variant_list_t> orderedEntries(const schedule_t& schedule, int base,
-                                                     const variant_list_t& states) {
+std::optional<entrylist_t> orderedEntries(const schedule_t& schedule, int base,
+                                          const variant_list_t& states) {
     tolvTraceZ(400, ME, "Put the schedule in order");
     const variant_list_t noEntries;
     const variant_list_t& input = schedule.schedule ? *schedule.schedule : noEntries;
     std::optional<variant_list_t> ordered = schedule_order(input, *schedule.def);
     if (!ordered) {
         tolvTrace(100, "Could not order the schedule");
-        return nullptr;
+        return std::nullopt;
     }
     tolvTraceZ(400, ME, "Validate the schedule (%p)%d", static_cast<const void*>(&states),
                static_cast<int>(variant_list_size(&states)));
     if (!schedule_verify(*ordered, base, &states)) {
         tolvTrace(100, "Invalid schedule, not adding it");
-        return nullptr;
+        return std::nullopt;
     }
-    return std::make_shared<const variant_list_t>(std::move(*ordered));
+    return entrylist_pack(std::make_shared<const variant_list_t>(std::move(*ordered)));
 }
 
 bool setText(object_t* instance, std::string_view name, const std::string& value,
@@ -130,8 +130,7 @@ object_t* createInstance(object_t* typeInstance, const schedule_t& schedule) {
 
 // Hands the entries to the instance. On failure the instance is rolled back
 // and must not be touched any more.
-const scheduleentry_properties_t* attachProperties(object_t* instance,
-                                                   std::shared_ptr<const variant_list_t> entries) {
+const scheduleentry_properties_t* attachProperties(object_t* instance, entrylist_t entries) {
     std::unique_ptr<scheduleentry_properties_t> properties = scheduleentry_properties_create();
     if (!properties) {
         tolvTrace(100, "Could not create userdata for schedule instance");
@@ -157,8 +156,8 @@ void pushDisabledDefault(object_t* instance, bool registering) {
     }
 }
 
-std::optional<std::string> wantedState(const schedule_t& schedule, const variant_list_t& entries,
-                                       int base) {
+std::string wantedState(const schedule_t& schedule, std::span<const schedule_entry_t> entries,
+                        int base) {
     if (!schedule.override->empty()) {
         tolvTraceZ(400, ME, "override is active");
         return *schedule.override;
@@ -170,12 +169,12 @@ std::optional<std::string> wantedState(const schedule_t& schedule, const variant
 // The state the client was told, or "Unsynchronized" when it was not reached
 // (also while the clock is not synchronised).
 std::string sendInitialState(object_t* typeInstance, const schedule_t& schedule,
-                             const variant_list_t& entries, int base) {
-    std::optional<std::string> state = wantedState(schedule, entries, base);
-    if (!state || !setState(typeInstance, *schedule.ID, *state)) {
+                             std::span<const schedule_entry_t> entries, int base) {
+    std::string state = wantedState(schedule, entries, base);
+    if (!setState(typeInstance, *schedule.ID, state)) {
         return kUnsynchronized;
     }
-    return *state;
+    return state;
 }
 
 // A schedule without any future change still has to leave its client in the
@@ -196,7 +195,7 @@ void planFirstChange(object_t* instance, const std::string& def) {
 // Brings the client of an enabled schedule to its present state. On failure
 // the instance is rolled back and must not be touched any more.
 bool applyEnabledState(object_t* typeInstance, object_t* instance, const schedule_t& schedule,
-                       const variant_list_t& entries, int base) {
+                       std::span<const schedule_entry_t> entries, int base) {
     tolvTraceZ(400, ME, "Schedule is enabled");
     std::string state = sendInitialState(typeInstance, schedule, entries, base);
     if (!object_parameterSetCharValue(instance, "CurrentState", state)) {
@@ -241,8 +240,7 @@ bool addInstance(object_t* typeInstance, const schedule_t* schedule, bool regist
     if (!statesAllowed(typeProperties->states, *schedule)) {
         return false;
     }
-    std::shared_ptr<const variant_list_t> entries =
-        orderedEntries(*schedule, base, typeProperties->states);
+    std::optional<entrylist_t> entries = orderedEntries(*schedule, base, typeProperties->states);
     if (!entries) {
         return false;
     }
@@ -250,13 +248,14 @@ bool addInstance(object_t* typeInstance, const schedule_t* schedule, bool regist
     if (!instance) {
         return false;
     }
-    const scheduleentry_properties_t* properties = attachProperties(instance, std::move(entries));
+    const scheduleentry_properties_t* properties = attachProperties(instance, std::move(*entries));
     if (!properties) {
         return false;
     }
     if (!schedule->enable) {
         pushDisabledDefault(instance, registering);
-    } else if (!applyEnabledState(typeInstance, instance, *schedule, *properties->entries, base)) {
+    } else if (!applyEnabledState(typeInstance, instance, *schedule, properties->entries.entries,
+                                  base)) {
         return false;
     }
     publishInstance(instance);
@@ -305,7 +304,7 @@ void pushState(object_t* instance, const std::string& state) {
 bool pushPresentState(object_t* instance) {
     int base = time_baseToEnum(textParameter(instance, "Base").value_or(""));
     const auto* properties = object_getUserData<scheduleentry_properties_t>(instance);
-    if (!properties || !properties->entries) {
+    if (!properties) {
         tolvTrace(100, "Could not get schedule data");
         return false;
     }
@@ -314,23 +313,18 @@ bool pushPresentState(object_t* instance) {
         tolvTrace(100, "could not get the default value");
         return false;
     }
-    std::optional<std::string> current =
-        schedule_currentState(*properties->entries, base, time_getCurrentLocalTime(), *def);
-    if (!current) {
-        tolvTrace(100, "Could not call the setState() RPC");
-        return true;
-    }
-    pushState(instance, *current);
+    pushState(instance, schedule_currentState(properties->entries.entries, base,
+                                              time_getCurrentLocalTime(), *def));
     return true;
 }
 
 std::shared_ptr<const variant_list_t> lentEntries(const object_t* instance) {
     const auto* properties = object_getUserData<scheduleentry_properties_t>(instance);
-    if (!properties || !properties->entries) {
+    if (!properties) {
         tolvTrace(100, "not a valid schedule property pointer");
         return nullptr;
     }
-    return properties->entries;
+    return entrylist_variants(properties->entries);
 }
 
 bool appendData(object_t* instance, variant_list_t* list, bool complete) {

@@ -8,13 +8,14 @@
 
 #include "orv/object.h"
 #include "orv/variant.h"
+#include "scheduler_entrylist.h"
 #include "scheduler_plugin_common.h"
 
 // The private record of a schedule instance, attached as its user data.
 struct scheduleentry_properties_t {
     // The entries as ordered and verified when the instance was made. The
-    // list never changes afterwards; read-backs share it.
-    std::shared_ptr<const variant_list_t> entries;
+    // list never changes afterwards.
+    entrylist_t entries;
 };
 
 // Creates the schedule instance of a schedule record below a type instance,

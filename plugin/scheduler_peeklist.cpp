@@ -3,6 +3,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -134,12 +135,6 @@ namespace {
 // verification never need more than one.
 constexpr int kMaxPeriodShifts = 4;
 
-struct offset_entry_t {
-    std::int64_t begin;
-    std::int64_t end;
-    std::string state;
-};
-
 // What a step of the search decided.
 struct found_t {
     std::int64_t offset;  // from the reference time
@@ -147,10 +142,10 @@ struct found_t {
     bool isEvent = false;
 };
 
-// The schedule as the search reads it: its entries with signed offsets, its
-// default state, and the geometry of the period that contains t.
+// The schedule as the search reads it: its entries, its default state, and
+// the geometry of the period that contains t.
 struct search_t {
-    std::vector<offset_entry_t> entries;
+    std::span<const schedule_entry_t> entries;
     std::string defaultState;
     int base = time_base_unknown;
     std::int64_t period = 0;  // max, or the calendar length for Monthly and Yearly
@@ -158,21 +153,14 @@ struct search_t {
     std::int64_t rel = 0;
 };
 
-// The stored entries, converted once. A list that holds an element that is
-// not an entry gives no result.
-std::optional<std::vector<offset_entry_t>> convertEntries(const variant_list_t& list) {
-    std::vector<offset_entry_t> entries;
-    entries.reserve(list.size());
-    for (const variant_t& element : list) {
-        std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
-        if (!entry) {
-            tolvTrace(100, "not a valid variant entry");
-            return std::nullopt;
-        }
-        entries.push_back({static_cast<std::int32_t>(entry->begin),
-                           static_cast<std::int32_t>(entry->end), std::move(entry->state)});
-    }
-    return entries;
+// Entry times are offsets from the reference time, read as signed 32-bit
+// numbers ("Once" stores absolute times the same way).
+std::int64_t beginOf(const schedule_entry_t& entry) {
+    return static_cast<std::int32_t>(entry.begin);
+}
+
+std::int64_t endOf(const schedule_entry_t& entry) {
+    return static_cast<std::int32_t>(entry.end);
 }
 
 // Run following reads the bound unsigned: "Once" has -1, no limit at all.
@@ -184,24 +172,24 @@ bool belowRunBound(const search_t& search, std::int64_t runEnd) {
 // gap and with the same state; the change is at the run's end. shift places
 // the run in a later period. nullopt: the whole period is one run.
 std::optional<found_t> followRun(const search_t& search, std::size_t e, std::int64_t shift) {
-    const offset_entry_t& first = search.entries[e];
-    std::int64_t runEnd = shift + first.end;
+    const schedule_entry_t& first = search.entries[e];
+    std::int64_t runEnd = shift + endOf(first);
     tolvTraceZ(400, ME, "endtime = %ld < max = %ld", static_cast<long>(runEnd),
                static_cast<long>(search.period));
     for (std::size_t f = e + 1; f < search.entries.size() && belowRunBound(search, runEnd); ++f) {
-        const offset_entry_t& next = search.entries[f];
+        const schedule_entry_t& next = search.entries[f];
         tolvTraceZ(400, ME, "Next event detected in current timeslot");
-        if (shift + next.begin != runEnd) {
+        if (shift + beginOf(next) != runEnd) {
             return found_t{runEnd, search.defaultState};
         }
         if (next.state != first.state) {
             return found_t{runEnd, next.state};
         }
-        runEnd = shift + next.end;
+        runEnd = shift + endOf(next);
     }
     tolvTrace(200, "next timeslot");
-    for (const offset_entry_t& next : search.entries) {
-        std::int64_t nextBegin = shift + search.period + next.begin;
+    for (const schedule_entry_t& next : search.entries) {
+        std::int64_t nextBegin = shift + search.period + beginOf(next);
         tolvTrace(200, "endtime=%ld e2+m=%ld", static_cast<long>(runEnd),
                   static_cast<long>(nextBegin));
         if (nextBegin != runEnd) {
@@ -210,7 +198,7 @@ std::optional<found_t> followRun(const search_t& search, std::size_t e, std::int
         if (next.state != first.state) {
             return found_t{runEnd, next.state};
         }
-        runEnd = shift + search.period + next.end;
+        runEnd = shift + search.period + endOf(next);
     }
     return std::nullopt;
 }
@@ -221,18 +209,18 @@ std::optional<found_t> nextPeriodSearch(const search_t& search, std::int64_t shi
 // run in force at rel.
 std::optional<found_t> currentPeriodSearch(const search_t& search) {
     for (std::size_t x = 0; x < search.entries.size(); ++x) {
-        const offset_entry_t& entry = search.entries[x];
-        if (search.rel < entry.begin) {
+        const schedule_entry_t& entry = search.entries[x];
+        if (search.rel < beginOf(entry)) {
             tolvTrace(200, "now=before begin");
-            bool isEvent = entry.begin == entry.end;
+            bool isEvent = beginOf(entry) == endOf(entry);
             if (isEvent) {
                 tolvTrace(200, "isEvent:begin==end");
             }
-            return found_t{entry.begin, entry.state, isEvent};
+            return found_t{beginOf(entry), entry.state, isEvent};
         }
-        if (search.rel < entry.end) {
+        if (search.rel < endOf(entry)) {
             tolvTrace(200, "before end (%ld - %ld)", static_cast<long>(search.rel),
-                      static_cast<long>(entry.end));
+                      static_cast<long>(endOf(entry)));
             if (std::optional<found_t> found = followRun(search, x, 0)) {
                 return found;
             }
@@ -251,17 +239,17 @@ std::optional<found_t> nextPeriodSearch(const search_t& search, std::int64_t shi
     }
     const std::int64_t next = shift + search.period;
     for (std::size_t h = 0; h < search.entries.size(); ++h) {
-        const offset_entry_t& entry = search.entries[h];
+        const schedule_entry_t& entry = search.entries[h];
         tolvTrace(200, "main loop");
         tolvTrace(200, "%ld - %ld", static_cast<long>(search.rel),
-                  static_cast<long>(next + entry.begin));
-        if (search.rel < next + entry.begin) {
+                  static_cast<long>(next + beginOf(entry)));
+        if (search.rel < next + beginOf(entry)) {
             tolvTrace(200, "now=before begin");
-            return found_t{next + entry.begin, entry.state, entry.begin == entry.end};
+            return found_t{next + beginOf(entry), entry.state, beginOf(entry) == endOf(entry)};
         }
-        if (search.rel < next + entry.end) {
+        if (search.rel < next + endOf(entry)) {
             tolvTrace(200, "before end (%ld - %ld)", static_cast<long>(search.rel),
-                      static_cast<long>(next + entry.end));
+                      static_cast<long>(next + endOf(entry)));
             if (std::optional<found_t> found = followRun(search, h, next)) {
                 return found;
             }
@@ -273,7 +261,7 @@ std::optional<found_t> nextPeriodSearch(const search_t& search, std::int64_t shi
 
 std::optional<search_t> prepareSearch(const object_t* object, time_t t) {
     const auto* properties = object_getUserData<scheduleentry_properties_t>(object);
-    if (properties == nullptr || !properties->entries) {
+    if (properties == nullptr) {
         tolvTrace(100, "could not get schedule user data");
         return std::nullopt;
     }
@@ -290,11 +278,7 @@ std::optional<search_t> prepareSearch(const object_t* object, time_t t) {
     search.period = time_getPeriodLength(search.base, t, search.ref);
     tolvTrace(200, "now=%ld, ref=%ld", static_cast<long>(t), static_cast<long>(search.ref));
     search.rel = static_cast<std::int64_t>(t) - search.ref;
-    std::optional<std::vector<offset_entry_t>> entries = convertEntries(*properties->entries);
-    if (!entries) {
-        return std::nullopt;
-    }
-    search.entries = std::move(*entries);
+    search.entries = properties->entries.entries;
     return search;
 }
 
@@ -330,7 +314,7 @@ bool hasTemporaryOverride(const object_t* object) {
 // What a rebuild needs to know of one schedule to bring it to its state.
 struct state_inputs_t {
     int base = time_base_unknown;
-    std::shared_ptr<const variant_list_t> entries;
+    std::span<const schedule_entry_t> entries;
     std::string defaultState;
     std::string currentState;
 };
@@ -339,11 +323,11 @@ std::optional<state_inputs_t> readStateInputs(const object_t* object) {
     state_inputs_t inputs;
     inputs.base = time_baseToEnum(variant_char(object_parameterValue(object, "Base")).value_or(""));
     const auto* properties = object_getUserData<scheduleentry_properties_t>(object);
-    if (properties == nullptr || !properties->entries) {
+    if (properties == nullptr) {
         tolvTrace(100, "Could not get schedule data");
         return std::nullopt;
     }
-    inputs.entries = properties->entries;
+    inputs.entries = properties->entries.entries;
     std::optional<std::string> defaultState =
         variant_char(object_parameterValue(object, "Default"));
     if (!defaultState) {
@@ -373,9 +357,9 @@ bool recalculateOne(object_t* object, time_t now) {
     if (!inputs) {
         return false;
     }
-    std::optional<std::string> state =
-        schedule_currentState(*inputs->entries, inputs->base, now, inputs->defaultState);
-    if (state && *state != inputs->currentState && !orv_plugin_setStateRPC(object, *state)) {
+    std::string state =
+        schedule_currentState(inputs->entries, inputs->base, now, inputs->defaultState);
+    if (state != inputs->currentState && !orv_plugin_setStateRPC(object, state)) {
         tolvTrace(100, "Could not call the setState() RPC");
     }
     return true;

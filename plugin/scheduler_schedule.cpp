@@ -172,21 +172,16 @@ bool schedule_validateState(const variant_list_t* states, std::string_view state
     return false;
 }
 
-std::optional<std::string> schedule_currentState(const variant_list_t& entries, int base, time_t t,
-                                                 std::string_view defaultState) {
+std::string schedule_currentState(std::span<const schedule_entry_t> entries, int base, time_t t,
+                                  std::string_view defaultState) {
     const auto rel = static_cast<std::int32_t>(t - time_calculateReferenceTime(base, t));
-    for (const variant_t& element : entries) {
-        std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
-        if (!entry) {
-            tolvTrace(100, "invalid overlapping detected in schedule");
-            return std::nullopt;
-        }
+    for (const schedule_entry_t& entry : entries) {
         // The list is ordered by begin: nothing further on can cover rel.
-        if (rel < signedOffset(entry->begin)) {
+        if (rel < signedOffset(entry.begin)) {
             break;
         }
-        if (rel < signedOffset(entry->end)) {
-            return entry->state;
+        if (rel < signedOffset(entry.end)) {
+            return entry.state;
         }
     }
     return std::string(defaultState);

@@ -9,10 +9,12 @@
 #include <cstddef>
 #include <ctime>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "orv/variant.h"
+#include "scheduler_plugin_common.h"
 
 // A new list ordered by begin, without the entries that set the default
 // state. Entries with equal begin come out in the reverse of their input
@@ -30,9 +32,8 @@ bool schedule_checkOverlappings(const variant_list_t& entries, std::size_t index
 // True when state is the text of an element of states (exact comparison).
 bool schedule_validateState(const variant_list_t* states, std::string_view state);
 // The state the schedule holds at t: that of the state entry covering t's
-// offset in its period, else the default. nullopt if an element of the list
-// is not a valid entry.
-std::optional<std::string> schedule_currentState(const variant_list_t& entries, int base, time_t t,
-                                                 std::string_view defaultState);
+// offset in its period, else the default. The entries are ordered by begin.
+std::string schedule_currentState(std::span<const schedule_entry_t> entries, int base, time_t t,
+                                  std::string_view defaultState);
 // Traces each element of a list as JSON (a diagnostic).
 void schedule_printSchedule(const variant_list_t& list);

@@ -87,11 +87,9 @@ variant_list_t scheduleentry_simulate(object_t* instance, const std::string& /*t
     }
     int base = time_baseToEnum(variant_char(object_parameterValue(instance, "Base")).value_or(""));
     const auto* properties = object_getUserData<scheduleentry_properties_t>(instance);
-    const variant_list_t noEntries;
-    const variant_list_t& entries =
-        properties != nullptr && properties->entries ? *properties->entries : noEntries;
-    std::string state =
-        schedule_currentState(entries, base, start, *defaultState).value_or(*defaultState);
+    std::string state = properties != nullptr ? schedule_currentState(properties->entries.entries,
+                                                                      base, start, *defaultState)
+                                              : *defaultState;
     addLineTo(&lines, timeLine(start, "starttime with state", state));
     listChanges(instance, start, stop, &lines);
     return lines;

@@ -82,16 +82,6 @@ std::optional<variant_list_t> schedulertype_getRemovedStates(const object_t* typ
     return removed;
 }
 
-// The "state" of an entry map in its text form; nothing for a malformed entry,
-// which verification would never have let into a record anyway.
-std::optional<std::string> entryState(const variant_t& entry) {
-    const variant_map_t* map = variant_da_map(&entry);
-    if (map == nullptr) {
-        return std::nullopt;
-    }
-    return variant_char(variant_map_find(map, "state"));
-}
-
 // True when an entry of the schedule instance uses one of the removed states.
 bool usesRemovedState(const object_t* schedule, const variant_list_t& removed) {
     const auto* properties = object_getUserData<scheduleentry_properties_t>(schedule);
@@ -99,12 +89,8 @@ bool usesRemovedState(const object_t* schedule, const variant_list_t& removed) {
         tolvTrace(200, "schedule found with not properties?");
         return false;
     }
-    if (!properties->entries) {
-        return false;
-    }
-    for (const variant_t& entry : *properties->entries) {
-        std::optional<std::string> state = entryState(entry);
-        if (state && schedule_validateState(&removed, *state)) {
+    for (const schedule_entry_t& entry : properties->entries.entries) {
+        if (schedule_validateState(&removed, entry.state)) {
             tolvTrace(200, "Value found, invalid state detected!");
             return true;
         }

@@ -4,16 +4,19 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "orv/trace.h"
 #include "orv/variant.h"
 #include "orv/variant_map.h"
+#include "scheduler_entrylist.h"
 #include "scheduler_schedule.h"
 #include "scheduler_time.h"
 #include "time_zone.h"
@@ -149,7 +152,6 @@ TEST_F(ScheduleTest, CheckOverlappingsLooksBothWays) {
 TEST_F(ScheduleTest, CurrentState) {
     const char* daily = "3600 7200 on, 7200 10800 eco";
     const char* once = "1700000000 1700003600 on";
-    const char* trailingJunk = "3600 7200 on, junk";
     const time_t day = 1699920000;  // 2023-11-14 00:00 UTC
     // zone, base, entries, time, state with the default "off" (null: none)
     const std::vector<std::tuple<const char*, int, const char*, time_t, const char*>> rows = {
@@ -168,18 +170,65 @@ TEST_F(ScheduleTest, CurrentState) {
         // The period starts at local midnight: 01:30 CEST is 23:30 UTC.
         {"Europe/Berlin", time_base_daily, daily, 1689377400, "on"},
         {"UTC", time_base_daily, daily, 1689377400, "off"},
-        // The walk stops at the first entry beginning later, before the bad
-        // element; past the entry it reaches the bad element.
-        {"UTC", time_base_daily, trailingJunk, day + 1800, "off"},
-        {"UTC", time_base_daily, trailingJunk, day + 9000, nullptr},
     };
     for (const auto& [zoneName, base, input, t, expected] : rows) {
         scoped_time_zone_t zone(zoneName);
-        EXPECT_EQ(schedule_currentState(entries(input), base, t, "off").value_or("<none>"),
-                  expected ? expected : "<none>")
+        std::optional<entrylist_t> packed =
+            entrylist_pack(std::make_shared<const variant_list_t>(entries(input)));
+        ASSERT_TRUE(packed) << input;
+        EXPECT_EQ(schedule_currentState(packed->entries, base, t, "off"), expected)
             << zoneName << " t=" << t << " " << input;
     }
-    EXPECT_EQ(messages(), "Not a variant map; invalid overlapping detected in schedule");
+}
+
+// A read-back returns the entry maps exactly as they were sent, whether the
+// packed records can rebuild them or the maps had to be kept.
+TEST_F(ScheduleTest, PackedEntriesReadBackAsSent) {
+    auto map = [](std::vector<std::pair<const char*, variant_t>> pairs) {
+        variant_map_t result;
+        for (auto& [key, value] : pairs) {
+            result.push_back({key, std::move(value)});
+        }
+        return variant_t(std::move(result));
+    };
+    const variant_t on("on");
+    const std::vector<std::pair<const char*, variant_list_t>> rows = {
+        {"uint32, usual order",
+         {map({{"state", on}, {"begin", variant_t(1U)}, {"end", variant_t(2U)}})}},
+        {"signed and 64-bit times, other key order",
+         {map({{"end", variant_t(std::int64_t{-5})}, {"state", on}, {"begin", variant_t(-10)}}),
+          map({{"end", variant_t(std::int64_t{9})}, {"state", on}, {"begin", variant_t(7)}})}},
+        {"unsigned 64-bit",
+         {map({{"state", on},
+               {"begin", variant_t(std::uint64_t{3})},
+               {"end", variant_t(std::uint64_t{4})}})}},
+        // Kept as sent: a form that differs between entries, a value that its
+        // type cannot hold after packing, a key too many, a text time.
+        {"mixed forms",
+         {map({{"state", on}, {"begin", variant_t(1U)}, {"end", variant_t(2U)}}),
+          map({{"state", on}, {"begin", variant_t(3)}, {"end", variant_t(4U)}})}},
+        {"64-bit beyond 32 bits",
+         {map({{"state", on},
+               {"begin", variant_t(std::int64_t{3000000000})},
+               {"end", variant_t(std::int64_t{3000000001})}})}},
+        {"extra key",
+         {map({{"state", on},
+               {"begin", variant_t(1U)},
+               {"end", variant_t(2U)},
+               {"note", variant_t("x")}})}},
+        {"text time", {map({{"state", on}, {"begin", variant_t("1")}, {"end", variant_t(2U)}})}},
+    };
+    for (const auto& [name, list] : rows) {
+        std::optional<entrylist_t> packed =
+            entrylist_pack(std::make_shared<const variant_list_t>(list));
+        ASSERT_TRUE(packed) << name;
+        EXPECT_EQ(packed->entries.size(), list.size()) << name;
+        std::shared_ptr<const variant_list_t> back = entrylist_variants(*packed);
+        ASSERT_TRUE(back) << name;
+        EXPECT_EQ(json(*back), json(list)) << name;
+        EXPECT_TRUE(*back == list) << name;
+    }
+    EXPECT_FALSE(entrylist_pack(std::make_shared<const variant_list_t>(entries("1 2 on, junk"))));
 }
 
 }  // namespace
