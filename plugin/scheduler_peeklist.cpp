@@ -1,5 +1,6 @@
 #include "scheduler_peeklist.h"
 
+#include <algorithm>
 #include <limits>
 #include <map>
 #include <optional>
@@ -29,7 +30,8 @@ struct agenda_key_t {
     auto operator<=>(const agenda_key_t&) const = default;
 };
 
-std::map<agenda_key_t, peeklist_entry_ptr> agenda;
+using agenda_t = std::map<agenda_key_t, peeklist_entry_ptr>;
+agenda_t agenda;
 // The same entries by schedule, so that removing a schedule's entry does not
 // walk the agenda. A schedule rarely has more than one entry.
 std::unordered_multimap<const object_t*, agenda_key_t> bySchedule;
@@ -37,13 +39,49 @@ std::uint64_t added = 0;
 
 constexpr std::int64_t kLongestTimeoutMs = std::numeric_limits<std::uint32_t>::max();
 
-void forgetSchedule(const object_t* object, const agenda_key_t& key) {
+// Where the index files the entry of the object with that key; end() when it
+// has none.
+std::unordered_multimap<const object_t*, agenda_key_t>::iterator filed(const object_t* object,
+                                                                       const agenda_key_t& key) {
     auto [first, last] = bySchedule.equal_range(object);
     for (auto it = first; it != last; ++it) {
         if (it->second == key) {
-            bySchedule.erase(it);
-            return;
+            return it;
         }
+    }
+    return bySchedule.end();
+}
+
+void forgetSchedule(const object_t* object, const agenda_key_t& key) {
+    auto it = filed(object, key);
+    if (it != bySchedule.end()) {
+        bySchedule.erase(it);
+    }
+}
+
+// The key of an entry added now.
+agenda_key_t keyFor(time_t time) {
+    return {time, std::numeric_limits<std::uint64_t>::max() - added++};
+}
+
+using filed_entry_t = std::pair<agenda_key_t, peeklist_entry_ptr>;
+
+// Puts keyed entries, already in the index, into the agenda sorted: a rebuild
+// of the whole agenda then appends to the tree instead of searching it for
+// each position. The nodes of spare are reused, so that a rebuild does not
+// free and allocate one node per schedule.
+void fileInOrder(std::vector<filed_entry_t> entries, agenda_t& spare) {
+    std::sort(entries.begin(), entries.end(),
+              [](const filed_entry_t& a, const filed_entry_t& b) { return a.first < b.first; });
+    for (auto& [key, entry] : entries) {
+        if (spare.empty()) {
+            agenda.emplace_hint(agenda.end(), key, std::move(entry));
+            continue;
+        }
+        agenda_t::node_type node = spare.extract(spare.begin());
+        node.key() = key;
+        node.mapped() = std::move(entry);
+        agenda.insert(agenda.end(), std::move(node));
     }
 }
 
@@ -54,7 +92,7 @@ bool peeklist_addEntry(peeklist_entry_ptr entry) {
         tolvTrace(100, "Cannot add a NULL pointer to the peek list");
         return false;
     }
-    const agenda_key_t key{entry->time, std::numeric_limits<std::uint64_t>::max() - added++};
+    const agenda_key_t key = keyFor(entry->time);
     bySchedule.emplace(entry->object, key);
     agenda.emplace(key, std::move(entry));
     return true;
@@ -284,22 +322,31 @@ std::optional<search_t> prepareSearch(const object_t* object, time_t t) {
 
 }  // namespace
 
+namespace {
+
+// The next change that a prepared search finds.
+peeklist_entry_ptr nextEntry(object_t* object, const search_t& search) {
+    std::optional<found_t> found = currentPeriodSearch(search);
+    if (!found) {
+        return nullptr;
+    }
+    auto entry = std::make_unique<peeklist_entry_t>();
+    entry->object = object;
+    entry->time = static_cast<time_t>(search.ref + found->offset);
+    entry->state = std::move(found->state);
+    entry->isEvent = found->isEvent ? 1 : 0;
+    return entry;
+}
+
+}  // namespace
+
 peeklist_entry_ptr peeklist_createNextEntry(object_t* object, time_t t) {
     tolvTraceZ(400, ME, "\"peeklist_createNextEntry\" called");
     std::optional<search_t> search = prepareSearch(object, t);
     if (!search) {
         return nullptr;
     }
-    std::optional<found_t> found = currentPeriodSearch(*search);
-    if (!found) {
-        return nullptr;
-    }
-    auto entry = std::make_unique<peeklist_entry_t>();
-    entry->object = object;
-    entry->time = static_cast<time_t>(search->ref + found->offset);
-    entry->state = std::move(found->state);
-    entry->isEvent = found->isEvent ? 1 : 0;
-    return entry;
+    return nextEntry(object, *search);
 }
 
 // ---------------------------------------------------------------------------
@@ -311,55 +358,30 @@ bool hasTemporaryOverride(const object_t* object) {
     return variant_bool(object_parameterValue(object, "TemporaryOverride"));
 }
 
-// What a rebuild needs to know of one schedule to bring it to its state.
-struct state_inputs_t {
-    int base = time_base_unknown;
-    std::span<const schedule_entry_t> entries;
-    std::string defaultState;
-    std::string currentState;
-};
-
-std::optional<state_inputs_t> readStateInputs(const object_t* object) {
-    state_inputs_t inputs;
-    inputs.base = time_baseToEnum(variant_char(object_parameterValue(object, "Base")).value_or(""));
-    const auto* properties = object_getUserData<scheduleentry_properties_t>(object);
-    if (properties == nullptr) {
-        tolvTrace(100, "Could not get schedule data");
-        return std::nullopt;
+// Plans the schedule's next change for now into planned and applies the
+// state it holds at now when that differs from its current state. One search
+// serves both.
+bool recalculateOne(object_t* object, time_t now, std::vector<filed_entry_t>& planned) {
+    tolvTraceZ(400, ME, "\"peeklist_createNextEntry\" called");
+    std::optional<search_t> search = prepareSearch(object, now);
+    peeklist_entry_ptr entry =
+        adjust_for_temporary_override(object, search ? nextEntry(object, *search) : nullptr);
+    if (!entry) {
+        tolvTrace(100, "Cannot add a NULL pointer to the peek list");
+        tolvTrace(100, "Error calculating the next event time");
+        return false;
     }
-    inputs.entries = properties->entries.entries;
-    std::optional<std::string> defaultState =
-        variant_char(object_parameterValue(object, "Default"));
-    if (!defaultState) {
-        tolvTrace(100, "could not get the default value");
-        return std::nullopt;
-    }
-    inputs.defaultState = std::move(*defaultState);
+    const agenda_key_t key = keyFor(entry->time);
+    planned.emplace_back(key, std::move(entry));
     std::optional<std::string> current =
         variant_char(object_parameterValue(object, "CurrentState"));
     if (!current) {
         tolvTrace(100, "could not get the currentstate");
-        return std::nullopt;
-    }
-    inputs.currentState = std::move(*current);
-    return inputs;
-}
-
-// Plans the schedule's next change for now and applies the state it holds
-// at now when that differs from its current state.
-bool recalculateOne(object_t* object, time_t now) {
-    if (!peeklist_addEntry(
-            adjust_for_temporary_override(object, peeklist_createNextEntry(object, now)))) {
-        tolvTrace(100, "Error calculating the next event time");
         return false;
     }
-    std::optional<state_inputs_t> inputs = readStateInputs(object);
-    if (!inputs) {
-        return false;
-    }
-    std::string state =
-        schedule_currentState(inputs->entries, inputs->base, now, inputs->defaultState);
-    if (state != inputs->currentState && !orv_plugin_setStateRPC(object, state)) {
+    std::string state = schedule_stateAtOffset(
+        search->entries, static_cast<std::int32_t>(search->rel), search->defaultState);
+    if (state != *current && !orv_plugin_setStateRPC(object, state)) {
         tolvTrace(100, "Could not call the setState() RPC");
     }
     return true;
@@ -392,13 +414,38 @@ peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entr
 }
 
 bool peeklist_recalculate(time_t now) {
-    std::map<agenda_key_t, peeklist_entry_ptr> old;
+    agenda_t old;
     old.swap(agenda);
-    bySchedule.clear();
-    for (const auto& [key, entry] : old) {
-        if (!recalculateOne(entry->object, now)) {
-            return false;
+    std::vector<filed_entry_t> planned;
+    planned.reserve(old.size());
+    // Each schedule's entry in the index is moved to its new key in place,
+    // and dropped when the schedule plans none.
+    auto entry = old.begin();
+    for (; entry != old.end(); ++entry) {
+        object_t* object = entry->second->object;
+        auto indexed = filed(object, entry->first);
+        // Freed before its successor is made, so that the allocator hands
+        // the same memory back instead of piling up freed entries.
+        entry->second.reset();
+        const std::size_t before = planned.size();
+        const bool ok = recalculateOne(object, now, planned);
+        if (planned.size() > before && indexed != bySchedule.end()) {
+            indexed->second = planned.back().first;
+        } else if (planned.size() > before) {
+            bySchedule.emplace(object, planned.back().first);
+        } else if (indexed != bySchedule.end()) {
+            bySchedule.erase(indexed);
+        }
+        if (!ok) {
+            break;
         }
     }
-    return true;
+    const bool complete = entry == old.end();
+    if (!complete) {
+        for (++entry; entry != old.end(); ++entry) {
+            forgetSchedule(entry->second->object, entry->first);
+        }
+    }
+    fileInOrder(std::move(planned), old);
+    return complete;
 }

@@ -174,7 +174,12 @@ bool schedule_validateState(const variant_list_t* states, std::string_view state
 
 std::string schedule_currentState(std::span<const schedule_entry_t> entries, int base, time_t t,
                                   std::string_view defaultState) {
-    const auto rel = static_cast<std::int32_t>(t - time_calculateReferenceTime(base, t));
+    return schedule_stateAtOffset(
+        entries, static_cast<std::int32_t>(t - time_calculateReferenceTime(base, t)), defaultState);
+}
+
+std::string schedule_stateAtOffset(std::span<const schedule_entry_t> entries, std::int32_t rel,
+                                   std::string_view defaultState) {
     for (const schedule_entry_t& entry : entries) {
         // The list is ordered by begin: nothing further on can cover rel.
         if (rel < signedOffset(entry.begin)) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <span>
@@ -35,5 +36,8 @@ bool schedule_validateState(const variant_list_t* states, std::string_view state
 // offset in its period, else the default. The entries are ordered by begin.
 std::string schedule_currentState(std::span<const schedule_entry_t> entries, int base, time_t t,
                                   std::string_view defaultState);
+// The same for an offset from the reference time that is already known.
+std::string schedule_stateAtOffset(std::span<const schedule_entry_t> entries, std::int32_t rel,
+                                   std::string_view defaultState);
 // Traces each element of a list as JSON (a diagnostic).
 void schedule_printSchedule(const variant_list_t& list);
