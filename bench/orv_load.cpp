@@ -409,6 +409,11 @@ bool addOnce(load_t& load, const std::vector<std::int64_t>& due, std::int64_t la
             return false;
         }
     }
+    // Each schedule's client was told its present state, and those calls
+    // follow the replies: they must be in before the count starts.
+    const std::int64_t settled =
+        monotonicNs() + due.front() * kNsPerSecond - realtimeNs() - kNsPerSecond / 5;
+    load.waitFor(settled, [&] { return load.arrivals().size() >= due.size(); });
     const std::int64_t spare = due.front() * kNsPerSecond - realtimeNs();
     if (spare < kNsPerSecond / 5) {
         complain("adding the schedules took too long for the first change; raise --lead");

@@ -317,6 +317,8 @@ variant_map_t outArguments(const function_definition_t& function,
 }
 
 int replyCall(sd_bus_message* call, object_t* object, sd_bus_error* error) {
+    // Declared first, so that what the call caused goes out after the reply.
+    const orv_dbus_reply_first_t replyFirst;
     const char* member = sd_bus_message_get_member(call);
     const function_definition_t* function =
         object->definition() != nullptr ? object->definition()->function(member) : nullptr;
@@ -383,7 +385,7 @@ void emitAdded(sd_bus* bus, const object_t* object) {
     orv_message_ptr m = newSignal(bus, "/", kObjectManager, "InterfacesAdded");
     if (m && sd_bus_message_append_basic(m.get(), 'o', objectPathOf(object).c_str()) >= 0 &&
         appendInterfaces(m.get(), object) >= 0) {
-        sd_bus_send(nullptr, m.get(), nullptr);
+        orv_dbus_send(m.get());
     }
 }
 
@@ -391,7 +393,7 @@ void emitRemoved(sd_bus* bus, const object_t* object) {
     orv_message_ptr m = newSignal(bus, "/", kObjectManager, "InterfacesRemoved");
     if (m &&
         sd_bus_message_append(m.get(), "oas", objectPathOf(object).c_str(), 1, kInterface) >= 0) {
-        sd_bus_send(nullptr, m.get(), nullptr);
+        orv_dbus_send(m.get());
     }
 }
 
@@ -509,7 +511,7 @@ void orv_dbus_export_t::parametersChanged(object_t& object, const std::vector<st
         if (sd_bus_message_append_basic(m.get(), 's', kInterface) >= 0 &&
             orv_dbus_appendMap(m.get(), changed) >= 0 &&
             sd_bus_message_append(m.get(), "as", 0) >= 0) {
-            sd_bus_send(nullptr, m.get(), nullptr);
+            orv_dbus_send(m.get());
         }
     } catch (...) {
     }

@@ -365,7 +365,7 @@ bool orv_dbus_transport_t::call(request_t* request, orv_request_sink_t* sink) {
     }
     // Changes of state are announcements: the client's answer is not awaited.
     if (request->function() == "setState") {
-        return sd_bus_message_set_expect_reply(raw, 0) >= 0 && sd_bus_send(bus_, raw, nullptr) >= 0;
+        return sd_bus_message_set_expect_reply(raw, 0) >= 0 && orv_dbus_send(raw) >= 0;
     }
     auto pending = std::make_unique<pending_t>(
         pending_t{this, nextPending_++, request->id(), kFunctionResult, request->path(), {}});
@@ -462,5 +462,5 @@ bool orv_dbus_transport_t::notify(const notification_t* notification) {
         orv_dbus_appendMap(raw, notification->parameters()) < 0) {
         return false;
     }
-    return sd_bus_send(bus_, raw, nullptr) >= 0;
+    return orv_dbus_send(raw) >= 0;
 }

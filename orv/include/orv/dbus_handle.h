@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 struct orv_bus_close {
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
@@ -43,3 +44,25 @@ class orv_bus_error_t {
 // Opens "session", "system" or, for anything else, the bus at that address.
 // *r is negative on failure; the returned owner may then hold a half-made bus.
 orv_bus_ptr orv_dbus_open(const std::string& which, const char* description, int* r);
+
+// While a method call is handled, the messages it causes that expect no
+// answer (signals, announcements to other services) are held and go out
+// after its reply: the caller gets its answer without waiting for the bus
+// daemon to route them first. One holder lives per handled call; outside
+// one, orv_dbus_send sends at once. Held messages keep their order.
+class orv_dbus_reply_first_t {
+  public:
+    orv_dbus_reply_first_t();
+    ~orv_dbus_reply_first_t();
+    orv_dbus_reply_first_t(const orv_dbus_reply_first_t&) = delete;
+    orv_dbus_reply_first_t& operator=(const orv_dbus_reply_first_t&) = delete;
+
+  private:
+    friend int orv_dbus_send(sd_bus_message* m);
+    std::vector<orv_message_ptr> held_;
+    orv_dbus_reply_first_t* outer_;
+};
+
+// Sends a message that expects no reply on its own bus, or holds it while a
+// call is handled (then 0 means queued).
+int orv_dbus_send(sd_bus_message* m);
