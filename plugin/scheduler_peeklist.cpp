@@ -5,13 +5,13 @@
 #include <map>
 #include <optional>
 #include <span>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "orv/object.h"
 #include "orv/trace.h"
 #include "scheduler_entry.h"
+#include "scheduler_peekindex.h"
 #include "scheduler_plugin.h"
 #include "scheduler_plugin_common.h"
 #include "scheduler_schedule.h"
@@ -23,41 +23,15 @@ namespace {
 // added last comes first. Each entry is filed under the time it was added
 // with, so that peeklist_setNextEventTime can move the head's time without
 // moving the head.
-struct agenda_key_t {
-    time_t time;
-    // Descending insertion order: later entries sort first among equals.
-    std::uint64_t order;
-    auto operator<=>(const agenda_key_t&) const = default;
-};
-
+using agenda_key_t = peekindex_key_t;
 using agenda_t = std::map<agenda_key_t, peeklist_entry_ptr>;
 agenda_t agenda;
 // The same entries by schedule, so that removing a schedule's entry does not
-// walk the agenda. A schedule rarely has more than one entry.
-std::unordered_multimap<const object_t*, agenda_key_t> bySchedule;
+// walk the agenda.
+peekindex_t bySchedule;
 std::uint64_t added = 0;
 
 constexpr std::int64_t kLongestTimeoutMs = std::numeric_limits<std::uint32_t>::max();
-
-// Where the index files the entry of the object with that key; end() when it
-// has none.
-std::unordered_multimap<const object_t*, agenda_key_t>::iterator filed(const object_t* object,
-                                                                       const agenda_key_t& key) {
-    auto [first, last] = bySchedule.equal_range(object);
-    for (auto it = first; it != last; ++it) {
-        if (it->second == key) {
-            return it;
-        }
-    }
-    return bySchedule.end();
-}
-
-void forgetSchedule(const object_t* object, const agenda_key_t& key) {
-    auto it = filed(object, key);
-    if (it != bySchedule.end()) {
-        bySchedule.erase(it);
-    }
-}
 
 // The key of an entry added now.
 agenda_key_t keyFor(time_t time) {
@@ -93,25 +67,17 @@ bool peeklist_addEntry(peeklist_entry_ptr entry) {
         return false;
     }
     const agenda_key_t key = keyFor(entry->time);
-    bySchedule.emplace(entry->object, key);
+    bySchedule.insert(entry->object, key);
     agenda.emplace(key, std::move(entry));
     return true;
 }
 
 void peeklist_removeEntry(const object_t* object) {
     // The schedule's first entry in agenda order.
-    auto [first, last] = bySchedule.equal_range(object);
-    auto earliest = first;
-    for (auto it = first; it != last; ++it) {
-        if (it->second < earliest->second) {
-            earliest = it;
-        }
+    if (std::optional<agenda_key_t> first = bySchedule.first(object)) {
+        agenda.erase(*first);
+        bySchedule.erase(object, *first);
     }
-    if (earliest == last) {
-        return;
-    }
-    agenda.erase(earliest->second);
-    bySchedule.erase(earliest);
 }
 
 void peeklist_removeComleteList() {
@@ -124,7 +90,7 @@ peeklist_entry_ptr peeklist_takeFirstTimedOutEntry(time_t now) {
         return nullptr;
     }
     peeklist_entry_ptr head = std::move(agenda.begin()->second);
-    forgetSchedule(head->object, agenda.begin()->first);
+    bySchedule.erase(head->object, agenda.begin()->first);
     agenda.erase(agenda.begin());
     return head;
 }
@@ -423,18 +389,15 @@ bool peeklist_recalculate(time_t now) {
     auto entry = old.begin();
     for (; entry != old.end(); ++entry) {
         object_t* object = entry->second->object;
-        auto indexed = filed(object, entry->first);
         // Freed before its successor is made, so that the allocator hands
         // the same memory back instead of piling up freed entries.
         entry->second.reset();
         const std::size_t before = planned.size();
         const bool ok = recalculateOne(object, now, planned);
-        if (planned.size() > before && indexed != bySchedule.end()) {
-            indexed->second = planned.back().first;
-        } else if (planned.size() > before) {
-            bySchedule.emplace(object, planned.back().first);
-        } else if (indexed != bySchedule.end()) {
-            bySchedule.erase(indexed);
+        if (planned.size() == before) {
+            bySchedule.erase(object, entry->first);
+        } else if (!bySchedule.rekey(object, entry->first, planned.back().first)) {
+            bySchedule.insert(object, planned.back().first);
         }
         if (!ok) {
             break;
@@ -443,7 +406,7 @@ bool peeklist_recalculate(time_t now) {
     const bool complete = entry == old.end();
     if (!complete) {
         for (++entry; entry != old.end(); ++entry) {
-            forgetSchedule(entry->second->object, entry->first);
+            bySchedule.erase(entry->second->object, entry->first);
         }
     }
     fileInOrder(std::move(planned), old);
