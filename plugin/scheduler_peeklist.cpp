@@ -1,6 +1,7 @@
 #include "scheduler_peeklist.h"
 
 #include <algorithm>
+#include <compare>
 #include <limits>
 #include <map>
 #include <optional>
@@ -23,15 +24,26 @@ namespace {
 // added last comes first. Each entry is filed under the time it was added
 // with, so that peeklist_setNextEventTime can move the head's time without
 // moving the head.
-using agenda_key_t = peekindex_key_t;
+struct agenda_key_t {
+    time_t time;
+    // Descending insertion order: later entries sort first among equals.
+    std::uint64_t order;
+    auto operator<=>(const agenda_key_t&) const = default;
+};
+
 using agenda_t = std::map<agenda_key_t, peeklist_entry_ptr>;
 agenda_t agenda;
-// The same entries by schedule, so that removing a schedule's entry does not
-// walk the agenda.
-peekindex_t bySchedule;
+// Each schedule's entries in the agenda, so that removing one neither walks
+// nor searches the agenda: the tree's own iterators stay valid until their
+// entry is erased.
+peekindex_t<agenda_t::iterator> bySchedule;
 std::uint64_t added = 0;
 
 constexpr std::int64_t kLongestTimeoutMs = std::numeric_limits<std::uint32_t>::max();
+
+bool earlier(const agenda_t::iterator& a, const agenda_t::iterator& b) {
+    return a->first < b->first;
+}
 
 // The key of an entry added now.
 agenda_key_t keyFor(time_t time) {
@@ -40,22 +52,25 @@ agenda_key_t keyFor(time_t time) {
 
 using filed_entry_t = std::pair<agenda_key_t, peeklist_entry_ptr>;
 
-// Puts keyed entries, already in the index, into the agenda sorted: a rebuild
-// of the whole agenda then appends to the tree instead of searching it for
-// each position. The nodes of spare are reused, so that a rebuild does not
-// free and allocate one node per schedule.
+// Files keyed entries in the agenda and the index, sorted first: a rebuild of
+// the whole agenda then appends to the tree instead of searching it for each
+// position. The nodes of spare are reused, so that a rebuild does not free
+// and allocate one node per schedule.
 void fileInOrder(std::vector<filed_entry_t> entries, agenda_t& spare) {
     std::sort(entries.begin(), entries.end(),
               [](const filed_entry_t& a, const filed_entry_t& b) { return a.first < b.first; });
     for (auto& [key, entry] : entries) {
+        const object_t* object = entry->object;
+        agenda_t::iterator filed;
         if (spare.empty()) {
-            agenda.emplace_hint(agenda.end(), key, std::move(entry));
-            continue;
+            filed = agenda.emplace_hint(agenda.end(), key, std::move(entry));
+        } else {
+            agenda_t::node_type node = spare.extract(spare.begin());
+            node.key() = key;
+            node.mapped() = std::move(entry);
+            filed = agenda.insert(agenda.end(), std::move(node));
         }
-        agenda_t::node_type node = spare.extract(spare.begin());
-        node.key() = key;
-        node.mapped() = std::move(entry);
-        agenda.insert(agenda.end(), std::move(node));
+        bySchedule.insert(object, filed);
     }
 }
 
@@ -66,17 +81,16 @@ bool peeklist_addEntry(peeklist_entry_ptr entry) {
         tolvTrace(100, "Cannot add a NULL pointer to the peek list");
         return false;
     }
-    const agenda_key_t key = keyFor(entry->time);
-    bySchedule.insert(entry->object, key);
-    agenda.emplace(key, std::move(entry));
+    const object_t* object = entry->object;
+    bySchedule.insert(object, agenda.emplace(keyFor(entry->time), std::move(entry)).first);
     return true;
 }
 
 void peeklist_removeEntry(const object_t* object) {
     // The schedule's first entry in agenda order.
-    if (std::optional<agenda_key_t> first = bySchedule.first(object)) {
-        agenda.erase(*first);
+    if (std::optional<agenda_t::iterator> first = bySchedule.first(object, earlier)) {
         bySchedule.erase(object, *first);
+        agenda.erase(*first);
     }
 }
 
@@ -90,7 +104,7 @@ peeklist_entry_ptr peeklist_takeFirstTimedOutEntry(time_t now) {
         return nullptr;
     }
     peeklist_entry_ptr head = std::move(agenda.begin()->second);
-    bySchedule.erase(head->object, agenda.begin()->first);
+    bySchedule.erase(head->object, agenda.begin());
     agenda.erase(agenda.begin());
     return head;
 }
@@ -382,31 +396,18 @@ peeklist_entry_ptr adjust_for_temporary_override(object_t* object, peeklist_entr
 bool peeklist_recalculate(time_t now) {
     agenda_t old;
     old.swap(agenda);
+    bySchedule.clear();
     std::vector<filed_entry_t> planned;
     planned.reserve(old.size());
-    // Each schedule's entry in the index is moved to its new key in place,
-    // and dropped when the schedule plans none.
-    auto entry = old.begin();
-    for (; entry != old.end(); ++entry) {
-        object_t* object = entry->second->object;
+    bool complete = true;
+    for (auto& [key, entry] : old) {
+        object_t* object = entry->object;
         // Freed before its successor is made, so that the allocator hands
         // the same memory back instead of piling up freed entries.
-        entry->second.reset();
-        const std::size_t before = planned.size();
-        const bool ok = recalculateOne(object, now, planned);
-        if (planned.size() == before) {
-            bySchedule.erase(object, entry->first);
-        } else if (!bySchedule.rekey(object, entry->first, planned.back().first)) {
-            bySchedule.insert(object, planned.back().first);
-        }
-        if (!ok) {
+        entry.reset();
+        if (!recalculateOne(object, now, planned)) {
+            complete = false;
             break;
-        }
-    }
-    const bool complete = entry == old.end();
-    if (!complete) {
-        for (++entry; entry != old.end(); ++entry) {
-            bySchedule.erase(entry->second->object, entry->first);
         }
     }
     fileInOrder(std::move(planned), old);
