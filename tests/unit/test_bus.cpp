@@ -29,13 +29,10 @@ struct recorder_t {
     request_t* alsoDestroy = nullptr;  // by the cancel handler
 };
 
+// Parameters as JSON, so a number sent where a text belongs shows.
 std::string describe(const variant_map_t& parameters) {
-    std::string out;
-    for (const auto& entry : parameters) {
-        out += (out.empty() ? "" : ",") + entry.key + "=" +
-               variant_char(&entry.value).value_or("<none>");
-    }
-    return "{" + out + "}";
+    const variant_t map(parameters);
+    return variant_toJSON(&map);
 }
 
 std::string describe(const reply_item_t* item) {
@@ -119,12 +116,12 @@ TEST_F(Bus, RootLookupWithWaitDeliversExistingRootsThenNewOnes) {
     EXPECT_TRUE(record.deliveries.empty());  // never before the loop runs
     loop_.runPending();
     EXPECT_EQ(record.deliveries,
-              (std::vector<Items>{{"object:Time{Status=Synchronized}", "object:Device{}"}}));
+              (std::vector<Items>{{R"(object:Time{"Status":"Synchronized"})", "object:Device{}"}}));
 
     bus_.publish("Device.Switch");  // known root: nothing new
     bus_.publish("Scheduler", param("Version", "1"));
     loop_.runPending();
-    EXPECT_EQ(record.deliveries.back(), (Items{"object:Scheduler{Version=1}"}));
+    EXPECT_EQ(record.deliveries.back(), (Items{R"(object:Scheduler{"Version":"1"})"}));
     EXPECT_EQ(record.deliveries.size(), 2u);
     EXPECT_EQ(context_->openRequests(), (std::vector<request_t*>{request}));
 }
@@ -136,7 +133,7 @@ TEST_F(Bus, SubscriptionDeliversTheObjectValueChangesAndNotificationBatches) {
     request_t* request = get("Time", kSubscription, &record);
     get("Time", request_notify_values_changed, &valuesOnly);
     loop_.runPending();
-    const Items object{"object:Time{Status=Unsynchronized}"};
+    const Items object{R"(object:Time{"Status":"Unsynchronized"})"};
     EXPECT_EQ(record.deliveries, (std::vector<Items>{object}));
     EXPECT_EQ(request_reply(request), nullptr);  // outside a delivery
     EXPECT_EQ(cached("Time", "Status"), "Unsynchronized");
@@ -149,13 +146,13 @@ TEST_F(Bus, SubscriptionDeliversTheObjectValueChangesAndNotificationBatches) {
     batch.back().parameters().push_back(variant_map_entry_t{"zone", variant_t("UTC")});
     bus_.emit("Time", std::move(batch));
     loop_.runPending();
-    const Items status{"notification:1@Time{parameter=Status,newvalue=Synchronized}"};
-    const Items count{"notification:1@Time{parameter=Count,newvalue=5}"};
-    EXPECT_EQ(record.deliveries,
-              (std::vector<Items>{object,
-                                  status,
-                                  count,
-                                  {"notification:926@Time{}", "notification:927@Time{zone=UTC}"}}));
+    const Items status{R"(notification:1@Time{"parameter":"Status","newvalue":"Synchronized"})"};
+    const Items count{R"(notification:1@Time{"parameter":"Count","newvalue":"5"})"};
+    EXPECT_EQ(record.deliveries, (std::vector<Items>{object,
+                                                     status,
+                                                     count,
+                                                     {"notification:926@Time{}",
+                                                      R"(notification:927@Time{"zone":"UTC"})"}}));
     EXPECT_EQ(valuesOnly.deliveries, (std::vector<Items>{object, status, count}));
     EXPECT_EQ(cached("Time", "Status"), "Synchronized");
     EXPECT_EQ(cached("Time", "Count"), "5");
@@ -169,7 +166,7 @@ TEST_F(Bus, PlainGetIsAnsweredOnceAndStaysWithTheContext) {
     request_t* request = get("Device.Light", request_getObject_parameters, &found);
     request_t* other = get("Nope", 0, &missing);
     loop_.runPending();
-    EXPECT_EQ(found.deliveries, (std::vector<Items>{{"object:Device.Light{State=Off}"}}));
+    EXPECT_EQ(found.deliveries, (std::vector<Items>{{R"(object:Device.Light{"State":"Off"})"}}));
     const std::string notFound = std::to_string(orv_error_not_found);
     EXPECT_EQ(missing.deliveries,
               (std::vector<Items>{{"error:" + notFound + ":object not found:Nope"}}));

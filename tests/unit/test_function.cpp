@@ -122,8 +122,7 @@ int handler(function_call_t* call, argument_value_list_t* args, variant_t* retva
         return 1;
     }
     auto out = argument_valueCreate("scheduleInfo");
-    variant_list_t list{variant_t("s1")};
-    variant_setListMove(&out->value, &list);
+    out->value = variant_t(variant_list_t{variant_t("s1")});
     argument_valuePrepend(args, std::move(out));
     variant_setBool(retval, true);
     return 0;

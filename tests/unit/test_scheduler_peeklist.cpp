@@ -2,9 +2,10 @@
 // computation of a schedule's next state change. Schedule instances come from
 // the plug-in's real data-model definition; times are checked as seconds since
 // the epoch, with the local time in each row's comment.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <string>
@@ -15,7 +16,6 @@
 
 #include "orv/object.h"
 #include "orv/trace.h"
-#include "orv/variant.h"
 #include "scheduler_entry.h"
 #include "scheduler_peeklist.h"
 #include "time_zone.h"
@@ -23,6 +23,8 @@
 namespace {
 
 using keys_t = std::vector<std::string>;
+using ::testing::Contains;
+using ::testing::HasSubstr;
 
 // Loads the definition and gives schedule instances below one type.
 class Peeklist : public ::testing::Test {
@@ -41,26 +43,22 @@ class Peeklist : public ::testing::Test {
         peeklist_removeComleteList();
         tolvTraceSetSink({});
     }
-    bool traced(std::string_view text) const {
-        return std::any_of(lines_.begin(), lines_.end(),
-                           [&](const std::string& line) { return line.find(text) != line.npos; });
-    }
     // The instance with this key, created on first use.
     object_t* instance(const std::string& key) {
-        if (object_t* existing = schedules_->instance(key)) {
-            return existing;
+        object_t* inst = schedules_->instance(key);
+        if (inst == nullptr) {
+            inst = object_createInstance(schedules_, -1, key);
+            EXPECT_NE(inst, nullptr) << key;
+            object_commit(inst);
         }
-        object_t* created = object_createInstance(schedules_, -1, key);
-        EXPECT_NE(created, nullptr) << key;
-        object_commit(created);
-        return created;
+        return inst;
     }
-    void add(const char* key, time_t time) {
-        auto entry = std::make_unique<peeklist_entry_t>();
-        entry->time = time;
-        entry->object = instance(key);
-        entry->state = key;
-        ASSERT_TRUE(peeklist_addEntry(std::move(entry)));
+    // Adds (key, time) entries in the given order; the state is the key.
+    void add(std::initializer_list<std::pair<const char*, time_t>> entries) {
+        for (const auto& [key, time] : entries) {
+            ASSERT_TRUE(peeklist_addEntry(
+                std::make_unique<peeklist_entry_t>(peeklist_entry_t{time, instance(key), key})));
+        }
     }
     // The first entry due at now as "key time state", or "-" for none.
     static std::string take(time_t now) {
@@ -70,8 +68,8 @@ class Peeklist : public ::testing::Test {
     // Empties the list through its front and returns the keys in list order.
     static keys_t drain() {
         keys_t keys;
-        for (std::string e; (e = take(std::numeric_limits<time_t>::max())) != "-";) {
-            keys.push_back(e.substr(0, e.find(' ')));
+        while (auto e = peeklist_takeFirstTimedOutEntry(std::numeric_limits<time_t>::max())) {
+            keys.push_back(e->object->name());
         }
         return keys;
     }
@@ -92,11 +90,7 @@ TEST_F(Peeklist, InsertionKeepsTimeOrderNewestFirstAmongEqualTimes) {
     };
     for (const auto& [key, time, expected] : rows) {
         // Q is added after R at the same time, so it lands in front of R.
-        add("S", 300);
-        add("R", 200);
-        add("P", 100);
-        add("Q", 200);
-        add(key, time);
+        add({{"S", 300}, {"R", 200}, {"P", 100}, {"Q", 200}, {key, time}});
         EXPECT_EQ(drain(), expected) << key << " at " << time;
     }
 }
@@ -104,12 +98,11 @@ TEST_F(Peeklist, InsertionKeepsTimeOrderNewestFirstAmongEqualTimes) {
 TEST_F(Peeklist, TakeOnlyDueEntriesAndRefuseNull) {
     const time_t now = 1700000000;
     EXPECT_FALSE(peeklist_addEntry(nullptr));
-    EXPECT_TRUE(traced("Cannot add a NULL pointer to the peek list"));
+    EXPECT_THAT(lines_, Contains(HasSubstr("Cannot add a NULL pointer to the peek list")));
     EXPECT_EQ(take(now), "-");
-    add("P", now + 1);
+    add({{"P", now + 1}});
     EXPECT_EQ(take(now), "-");  // one second early
-    add("Q", now);
-    add("R", now - 10);
+    add({{"Q", now}, {"R", now - 10}});
     EXPECT_EQ(take(now), "R 1699999990 R");
     EXPECT_EQ(take(now), "Q 1700000000 Q");  // due exactly at now
     EXPECT_EQ(take(now), "-");
@@ -131,8 +124,7 @@ TEST_F(Peeklist, NextTimeOutIsClampedWithoutWrapping) {
     };
     for (const auto& [ahead, expected] : rows) {
         peeklist_removeComleteList();
-        add("P", now + ahead + 100);
-        add("Q", now + ahead);  // the head decides
+        add({{"P", now + ahead + 100}, {"Q", now + ahead}});  // the head decides
         EXPECT_EQ(peeklist_getNextTimeOut(now), expected) << "ahead " << ahead;
     }
 }
@@ -140,10 +132,7 @@ TEST_F(Peeklist, NextTimeOutIsClampedWithoutWrapping) {
 TEST_F(Peeklist, RemoveEntryAndSetNextEventTime) {
     peeklist_removeEntry(instance("P"));  // empty list: nothing happens
     EXPECT_FALSE(peeklist_setNextEventTime(500));
-    add("P", 100);
-    add("Q", 200);
-    add("R", 300);
-    add("P", 400);
+    add({{"P", 100}, {"Q", 200}, {"R", 300}, {"P", 400}});
     peeklist_removeEntry(instance("X"));  // an instance without entry
     peeklist_removeEntry(instance("P"));  // the head: only its first entry goes
     peeklist_removeEntry(instance("R"));
@@ -158,10 +147,13 @@ TEST_F(Peeklist, RemoveEntryAndSetNextEventTime) {
 }
 
 // Next state change of a schedule. The default state is "off" throughout.
+// Entries are (state, begin, end), in begin order.
+using spans_t = std::vector<schedule_entry_t>;
+
 struct next_row_t {
     const char* zone;
     const char* base;
-    const char* entries;  // JSON list, in begin order
+    const spans_t* entries;
     time_t t;
     time_t time;        // expected due time
     const char* state;  // expected state; null when there is no next change
@@ -172,39 +164,33 @@ class NextEvent : public Peeklist {
   protected:
     // A new instance with Base, Default "off" and, unless entries is null,
     // the user data holding the entries.
-    object_t* schedule(const char* base, const char* entries) {
+    object_t* schedule(const char* base, const spans_t* entries) {
         object_t* inst = instance("s" + std::to_string(++count_));
         object_parameterSetCharValue(inst, "Base", base);
         object_parameterSetCharValue(inst, "Default", "off");
         object_commit(inst);
-        std::optional<variant_t> list = entries ? variant_fromJSON(entries) : std::nullopt;
-        std::optional<entrylist_t> packed =
-            list && list->list()
-                ? entrylist_pack(std::make_shared<const variant_list_t>(*list->list()))
-                : std::nullopt;
-        if (packed) {
+        if (entries != nullptr) {
             auto props = std::make_unique<scheduleentry_properties_t>();
-            props->entries = std::move(*packed);
+            props->entries.entries = *entries;
             object_setUserData(inst, std::move(props));
         }
         return inst;
     }
     void check(const std::vector<next_row_t>& rows) {
-        for (const next_row_t& row : rows) {
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            const next_row_t& row = rows[i];
+            SCOPED_TRACE("row " + std::to_string(i) + ": " + row.zone + " " + row.base +
+                         " t=" + std::to_string(row.t));
             scoped_time_zone_t zone(row.zone);
             object_t* inst = schedule(row.base, row.entries);
             peeklist_entry_ptr next = peeklist_createNextEntry(inst, row.t);
-            SCOPED_TRACE(std::string(row.zone) + " " + row.base + " " + row.entries +
-                         " t=" + std::to_string(row.t));
             if (row.state == nullptr) {
                 EXPECT_EQ(next, nullptr) << next->time << " " << next->state;
                 continue;
             }
             ASSERT_NE(next, nullptr);
-            EXPECT_EQ(next->time, row.time);
-            EXPECT_EQ(next->state, row.state);
-            EXPECT_EQ(next->isEvent, row.isEvent);
-            EXPECT_EQ(next->object, inst);
+            EXPECT_EQ(std::make_tuple(next->time, next->state, int{next->isEvent}, next->object),
+                      std::make_tuple(row.time, std::string(row.state), row.isEvent, inst));
         }
         EXPECT_EQ(peeklist_size(), 0u);  // the computation leaves the agenda alone
     }
@@ -212,121 +198,94 @@ class NextEvent : public Peeklist {
     int count_ = 0;
 };
 
-// Tuesday 2023-11-14, UTC; the day starts at 1699920000.
-constexpr const char* kDay =
-    R"([{"state":"on","begin":0,"end":3600},{"state":"on","begin":21600,"end":28800},)"
-    R"({"state":"on","begin":28800,"end":36000},{"state":"eco","begin":64800,"end":82800},)"
-    R"({"state":"on","begin":82800,"end":86400}])";
-
-TEST_F(NextEvent, DailyRunsAndWrapAround) {
-    const char* hour = R"([{"state":"on","begin":600,"end":1200}])";
-    const char* sameState = R"([{"state":"on","begin":21600,"end":28800},)"
-                            R"({"state":"on","begin":28800,"end":36000}])";
-    const char* wholeDay = R"([{"state":"on","begin":0,"end":43200},)"
-                           R"({"state":"on","begin":43200,"end":86400}])";
-    const char* wrapOther = R"([{"state":"on","begin":0,"end":3600},)"
-                            R"({"state":"eco","begin":82800,"end":86400}])";
-    const char* wrapGap = R"([{"state":"on","begin":3600,"end":7200},)"
-                          R"({"state":"on","begin":82800,"end":86400}])";
-    check({
-        {"UTC", "Daily", kDay, 1699920000, 1699923600, "off", 0},  // 00:00, a begin is in force
-        {"UTC", "Daily", kDay, 1699941600, 1699956000, "off", 0},  // 06:00, run 06-10
-        {"UTC", "Daily", kDay, 1699956000, 1699984800, "eco", 0},  // 10:00, the run's end
-        // 23:30: the run crosses midnight into entry 1, ends Wed 01:00.
-        {"UTC", "Daily", kDay, 1700004600, 1700010000, "off", 0},
-        {"UTC", "Hourly", hour, 1700001000, 1700003400, "on", 0},  // 22:30 -> 23:10
-        // One state all day: the run wraps through every entry; next midnight.
-        {"UTC", "Daily", wholeDay, 1699956000, 1700006400, "on", 0},
-        // 23:30: midnight continues with another state.
-        {"UTC", "Daily", wrapOther, 1700004600, 1700006400, "on", 0},
-        // 23:30: the next day starts with a gap, so the default returns at midnight.
-        {"UTC", "Daily", wrapGap, 1700004600, 1700006400, "off", 0},
-        // 12:00 with everything over today: tomorrow's first begin.
-        {"UTC", "Daily", sameState, 1699963200, 1700028000, "on", 0},
-    });
-}
-
-TEST_F(NextEvent, WeeklyAndMomentaryEvents) {
+// Hourly to yearly bases: runs of one state, wraps at the period end, momentary
+// events, daylight-saving switches and the lengths of months and years.
+TEST_F(NextEvent, RepeatingBases) {
+    // Tuesday 2023-11-14, UTC; the day starts at 1699920000.
+    const spans_t day = {{"on", 0, 3600},
+                         {"on", 21600, 28800},
+                         {"on", 28800, 36000},
+                         {"eco", 64800, 82800},
+                         {"on", 82800, 86400}};
+    const spans_t hour = {{"on", 600, 1200}};
+    const spans_t sameState = {{"on", 21600, 28800}, {"on", 28800, 36000}};
+    const spans_t wholeDay = {{"on", 0, 43200}, {"on", 43200, 86400}};
+    const spans_t wrapOther = {{"on", 0, 3600}, {"eco", 82800, 86400}};
+    const spans_t wrapGap = {{"on", 3600, 7200}, {"on", 82800, 86400}};
     // Monday 2023-11-13 is 1699833600; entries Monday and Wednesday 08:00-17:00.
-    const char* week = R"([{"state":"on","begin":28800,"end":61200},)"
-                       R"({"state":"on","begin":201600,"end":234000}])";
-    const char* rings = R"([{"state":"ring","begin":28800,"end":28800},)"
-                        R"({"state":"ring","begin":43200,"end":43200}])";
+    const spans_t week = {{"on", 28800, 61200}, {"on", 201600, 234000}};
+    const spans_t rings = {{"ring", 28800, 28800}, {"ring", 43200, 43200}};
+    const spans_t evening = {{"on", 64800, 72000}};
+    const spans_t firstDay = {{"on", 0, 86400}};
+    // First and last day on: in a leap February the last day is the 29th.
+    const spans_t monthEnds = {{"on", 0, 86400}, {"on", 2419200, 2505600}};
+    // Jan 1 and day 365 (Dec 31 in a common year).
+    const spans_t yearEnds = {{"on", 0, 86400}, {"on", 31449600, 31536000}};
     check({
-        {"UTC", "Weekly", week, 1700424000, 1700467200, "on", 0},    // Sunday 20:00
-        {"UTC", "Daily", rings, 1699948800, 1699963200, "ring", 1},  // 08:00: not t itself
-        {"UTC", "Daily", rings, 1699970000, 1700035200, "ring", 1},  // 13:53:20: tomorrow 08:00
-    });
-}
-
-TEST_F(NextEvent, DaylightSavingSwitches) {
-    const char* evening = R"([{"state":"on","begin":64800,"end":72000}])";
-    check({
+        {"UTC", "Daily", &day, 1699920000, 1699923600, "off", 0},  // 00:00, a begin is in force
+        {"UTC", "Daily", &day, 1699941600, 1699956000, "off", 0},  // 06:00, run 06-10
+        {"UTC", "Daily", &day, 1699956000, 1699984800, "eco", 0},  // 10:00, the run's end
+        // 23:30: the run crosses midnight into entry 1, ends Wed 01:00.
+        {"UTC", "Daily", &day, 1700004600, 1700010000, "off", 0},
+        {"UTC", "Hourly", &hour, 1700001000, 1700003400, "on", 0},  // 22:30 -> 23:10
+        // One state all day: the run wraps through every entry; next midnight.
+        {"UTC", "Daily", &wholeDay, 1699956000, 1700006400, "on", 0},
+        // 23:30: midnight continues with another state.
+        {"UTC", "Daily", &wrapOther, 1700004600, 1700006400, "on", 0},
+        // 23:30: the next day starts with a gap, so the default returns at midnight.
+        {"UTC", "Daily", &wrapGap, 1700004600, 1700006400, "off", 0},
+        // 12:00 with everything over today: tomorrow's first begin.
+        {"UTC", "Daily", &sameState, 1699963200, 1700028000, "on", 0},
+        {"UTC", "Weekly", &week, 1700424000, 1700467200, "on", 0},    // Sunday 20:00
+        {"UTC", "Daily", &rings, 1699948800, 1699963200, "ring", 1},  // 08:00: not t itself
+        {"UTC", "Daily", &rings, 1699970000, 1700035200, "ring", 1},  // 13:53:20: tomorrow 08:00
         // Offsets count from midnight read with t's flag, so a switch later
         // that day moves the 18:00 begin by an hour.
-        {"Europe/Berlin", "Daily", evening, 1679788800, 1679850000, "on", 0},  // 03-26 -> 19 CEST
-        {"Europe/Berlin", "Daily", evening, 1698534000, 1698595200, "on", 0},  // 10-29 -> 17 CET
+        {"Europe/Berlin", "Daily", &evening, 1679788800, 1679850000, "on", 0},  // 03-26 -> 19 CEST
+        {"Europe/Berlin", "Daily", &evening, 1698534000, 1698595200, "on", 0},  // 10-29 -> 17 CET
         // After the switch the begin is 18:00 again.
-        {"Europe/Berlin", "Daily", evening, 1679824800, 1679846400, "on", 0},  // 12:00 CEST
-        {"Europe/Berlin", "Daily", evening, 1698577200, 1698598800, "on", 0},  // 12:00 CET
-    });
-}
-
-TEST_F(NextEvent, MonthlyAndYearlyFollowTheCalendar) {
-    const char* firstDay = R"([{"state":"on","begin":0,"end":86400}])";
-    // First and last day on: in a leap February the last day is the 29th.
-    const char* monthEnds = R"([{"state":"on","begin":0,"end":86400},)"
-                            R"({"state":"on","begin":2419200,"end":2505600}])";
-    // Jan 1 and day 365 (Dec 31 in a common year).
-    const char* yearEnds = R"([{"state":"on","begin":0,"end":86400},)"
-                           R"({"state":"on","begin":31449600,"end":31536000}])";
-    check({
-        {"UTC", "Monthly", firstDay, 1700006400, 1701388800, "on", 0},   // Nov 15 -> Dec 1 (30 d)
-        {"UTC", "Monthly", firstDay, 1706745600, 1706832000, "off", 0},  // 2024-02-01 -> 02-02
-        {"UTC", "Monthly", firstDay, 1706832000, 1709251200, "on", 0},   // Feb 2 -> Mar 1 (29 d)
-        {"UTC", "Monthly", firstDay, 1675296000, 1677628800, "on", 0},   // 2023-02 (28 d)
-        {"UTC", "Monthly", firstDay, 1704153600, 1706745600, "on", 0},   // Jan 2 -> Feb 1 (31 d)
+        {"Europe/Berlin", "Daily", &evening, 1679824800, 1679846400, "on", 0},  // 12:00 CEST
+        {"Europe/Berlin", "Daily", &evening, 1698577200, 1698598800, "on", 0},  // 12:00 CET
+        {"UTC", "Monthly", &firstDay, 1700006400, 1701388800, "on", 0},   // Nov 15 -> Dec 1 (30 d)
+        {"UTC", "Monthly", &firstDay, 1706745600, 1706832000, "off", 0},  // 2024-02-01 -> 02-02
+        {"UTC", "Monthly", &firstDay, 1706832000, 1709251200, "on", 0},   // Feb 2 -> Mar 1 (29 d)
+        {"UTC", "Monthly", &firstDay, 1675296000, 1677628800, "on", 0},   // 2023-02 (28 d)
+        {"UTC", "Monthly", &firstDay, 1704153600, 1706745600, "on", 0},   // Jan 2 -> Feb 1 (31 d)
         // Feb 29 12:00: runs into Mar 1, whose entry has the same state.
-        {"UTC", "Monthly", monthEnds, 1709208000, 1709337600, "off", 0},
+        {"UTC", "Monthly", &monthEnds, 1709208000, 1709337600, "off", 0},
         // Across a switch the next month's midnight is read with the
         // daylight-saving flag of t, like the reference time, so it lies one
         // hour off: Apr 1 01:00 CEST, and Oct 31 23:00 CET.
-        {"Europe/Berlin", "Monthly", firstDay, 1678878000, 1680303600, "on", 0},
-        {"Europe/Berlin", "Monthly", firstDay, 1697364000, 1698789600, "on", 0},
-        {"UTC", "Yearly", firstDay, 1688169600, 1704067200, "on", 0},   // 2023-07-01 -> 2024-01-01
-        {"UTC", "Yearly", firstDay, 1704067200, 1704153600, "off", 0},  // 2024-01-01 -> 01-02
-        {"UTC", "Yearly", firstDay, 1709251200, 1735689600, "on", 0},   // leap 2024 -> 2025-01-01
+        {"Europe/Berlin", "Monthly", &firstDay, 1678878000, 1680303600, "on", 0},
+        {"Europe/Berlin", "Monthly", &firstDay, 1697364000, 1698789600, "on", 0},
+        {"UTC", "Yearly", &firstDay, 1688169600, 1704067200, "on", 0},   // 2023-07-01 -> 2024-01-01
+        {"UTC", "Yearly", &firstDay, 1704067200, 1704153600, "off", 0},  // 2024-01-01 -> 01-02
+        {"UTC", "Yearly", &firstDay, 1709251200, 1735689600, "on", 0},   // leap 2024 -> 2025-01-01
         // 2023-12-31 12:00: runs into New Year's Day, off on Jan 2.
-        {"UTC", "Yearly", yearEnds, 1704024000, 1704153600, "off", 0},
+        {"UTC", "Yearly", &yearEnds, 1704024000, 1704153600, "off", 0},
     });
 }
 
-TEST_F(NextEvent, OnceUsesAbsoluteTimes) {
-    const char* adjacentOther = R"([{"state":"on","begin":1700001000,"end":1700002000},)"
-                                R"({"state":"eco","begin":1700002000,"end":1700003000}])";
-    const char* adjacentSame = R"([{"state":"on","begin":1700001000,"end":1700002000},)"
-                               R"({"state":"on","begin":1700002000,"end":1700003000}])";
-    const char* withGap = R"([{"state":"on","begin":1700001000,"end":1700002000},)"
-                          R"({"state":"on","begin":1700002500,"end":1700003000}])";
+// Once entries hold absolute times, and a Once schedule ends.
+TEST_F(NextEvent, OnceAndNoNextChange) {
+    const spans_t adjacentOther = {{"on", 1700001000, 1700002000}, {"eco", 1700002000, 1700003000}};
+    const spans_t adjacentSame = {{"on", 1700001000, 1700002000}, {"on", 1700002000, 1700003000}};
+    const spans_t withGap = {{"on", 1700001000, 1700002000}, {"on", 1700002500, 1700003000}};
+    const spans_t ring = {{"ring", 1700001000, 1700001000}};
+    const spans_t none;
     check({
-        {"UTC", "Once", adjacentOther, 1700000500, 1700001000, "on", 0},
-        {"UTC", "Once", adjacentOther, 1700001500, 1700002000, "eco", 0},  // own boundary event
-        {"UTC", "Once", adjacentOther, 1700002000, 1700003000, "off", 0},
-        {"UTC", "Once", adjacentOther, 1700003000, 0, nullptr, 0},        // over at its last end
-        {"UTC", "Once", adjacentSame, 1700001500, 1700003000, "off", 0},  // one run
-        {"UTC", "Once", withGap, 1700001500, 1700002000, "off", 0},
-        {"UTC", "Once", withGap, 1700002200, 1700002500, "on", 0},
-        {"UTC", "Once", R"([{"state":"ring","begin":1700001000,"end":1700001000}])", 1700000000,
-         1700001000, "ring", 1},
-    });
-}
-
-TEST_F(NextEvent, NoNextChange) {
-    check({
-        {"UTC", "Daily", "[]", 1700000000, 0, nullptr, 0},
+        {"UTC", "Once", &adjacentOther, 1700000500, 1700001000, "on", 0},
+        {"UTC", "Once", &adjacentOther, 1700001500, 1700002000, "eco", 0},  // own boundary event
+        {"UTC", "Once", &adjacentOther, 1700002000, 1700003000, "off", 0},
+        {"UTC", "Once", &adjacentOther, 1700003000, 0, nullptr, 0},        // over at its last end
+        {"UTC", "Once", &adjacentSame, 1700001500, 1700003000, "off", 0},  // one run
+        {"UTC", "Once", &withGap, 1700001500, 1700002000, "off", 0},
+        {"UTC", "Once", &withGap, 1700002200, 1700002500, "on", 0},
+        {"UTC", "Once", &ring, 1700000000, 1700001000, "ring", 1},
+        {"UTC", "Daily", &none, 1700000000, 0, nullptr, 0},  // no entries at all
     });
     EXPECT_EQ(peeklist_createNextEntry(schedule("Daily", nullptr), 1700000000), nullptr);
-    EXPECT_TRUE(traced("could not get schedule user data"));
+    EXPECT_THAT(lines_, Contains(HasSubstr("could not get schedule user data")));
 }
 
 }  // namespace

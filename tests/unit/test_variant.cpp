@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -34,27 +35,18 @@ const auto u32 = [](std::uint32_t v) { return variant_t(v); };
 const auto i64 = [](std::int64_t v) { return variant_t(v); };
 const auto u64 = [](std::uint64_t v) { return variant_t(v); };
 const auto dt = [](std::int64_t seconds) { return variant_t::dateTime(seconds); };
-const auto listOf = [](std::vector<variant_t> elements) { return variant_t(std::move(elements)); };
+const auto listOf = [](variant_list_t elements) { return variant_t(std::move(elements)); };
+const auto mapOf = [](variant_map_t entries) { return variant_t(std::move(entries)); };
 
-variant_t mapOf(std::vector<std::pair<std::string, variant_t>> entries) {
-    variant_map_t map;
-    for (auto& [key, value] : entries) {
-        map.push_back(variant_map_entry_t{key, std::move(value)});
-    }
-    return variant_t(std::move(map));
-}
-
-// "-" for a failed conversion; doubles in their shortest exact form.
+// "-" for a failed conversion; numbers in their shortest exact form.
 template <typename T>
 std::string show(const std::optional<T>& value) {
-    return value ? std::to_string(*value) : "-";
-}
-std::string show(const std::optional<bool>& value) {
-    return value ? (*value ? "true" : "false") : "-";
-}
-std::string show(const std::optional<double>& value) {
-    char buffer[32];
-    return value ? std::string(buffer, std::to_chars(buffer, buffer + 32, *value).ptr) : "-";
+    if constexpr (std::is_same_v<T, bool>) {
+        return value ? (*value ? "true" : "false") : "-";
+    } else {
+        char buffer[32];
+        return value ? std::string(buffer, std::to_chars(buffer, buffer + 32, *value).ptr) : "-";
+    }
 }
 
 // The exact conversions of a variant, in the column order of the table below.
@@ -100,12 +92,11 @@ TEST(VariantConvert, NumericTable) {
         {listOf({u32(1)}), "- - - - - -"},
     };
     for (const auto& [input, expected] : rows) {
-        const std::string name =
-            variant_toJSON(&input) + " of type " + std::to_string(input.type());
-        EXPECT_EQ(conversions(input), expected) << name;
+        SCOPED_TRACE(variant_toJSON(&input) + " of type " + std::to_string(input.type()));
+        EXPECT_EQ(conversions(input), expected);
         // The plain readers fall back to the empty value.
-        EXPECT_EQ(variant_uint32(&input), variant_toUInt32(&input).value_or(0)) << name;
-        EXPECT_EQ(variant_bool(&input), variant_toBool(&input).value_or(false)) << name;
+        EXPECT_EQ(variant_uint32(&input), variant_toUInt32(&input).value_or(0));
+        EXPECT_EQ(variant_bool(&input), variant_toBool(&input).value_or(false));
     }
     // A failed conversion leaves the last error set.
     orv_setError(orv_error_none);
@@ -196,9 +187,9 @@ TEST(VariantCompare, Table) {
         return variant_compare(&a, &b, &result) ? (result > 0) - (result < 0) : kNone;
     };
     for (const auto& [a, b, expected] : rows) {
-        const std::string name = variant_toJSON(&a) + " vs " + variant_toJSON(&b);
-        EXPECT_EQ(compare(a, b), expected) << name;
-        EXPECT_EQ(compare(b, a), expected == kNone ? kNone : -expected) << name;
+        SCOPED_TRACE(variant_toJSON(&a) + " vs " + variant_toJSON(&b));
+        EXPECT_EQ(compare(a, b), expected);
+        EXPECT_EQ(compare(b, a), expected == kNone ? kNone : -expected);
     }
 }
 
