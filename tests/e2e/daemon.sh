@@ -170,6 +170,15 @@ check_signals() {
     [[ $(sched removeSchedules 2 type s Light ID av 1 s s-2) == "va{sv} b true 0" ]] ||
         fail "removeSchedules s-2 failed"
     seen "$(ifaces InterfacesRemoved "$s2")" || fail "no InterfacesRemoved for s-2"
+    # What a call causes goes out after its reply, so the caller does not
+    # wait for the bus to route it first.
+    local call reply removed
+    call=$(grep -n '"member":"removeSchedules"' "$work/monitor.out" | tail -n 1 | cut -d: -f1)
+    reply=$(awk -v from="$call" 'NR > from && /"type":"method_return"/ { print NR; exit }' \
+        "$work/monitor.out")
+    removed=$(grep -En "$(ifaces InterfacesRemoved "$s2")" "$work/monitor.out" | cut -d: -f1)
+    ((${reply:-0} > call && ${reply:-0} < removed)) ||
+        fail "the reply to removeSchedules (line ${reply:-none}) did not precede InterfacesRemoved (line $removed)"
     out=$(sc call --json=short / org.freedesktop.DBus.ObjectManager GetManagedObjects)
     [[ $out == *"\"$s1\":{\"org.orv.Object\":{\"ID\":{\"type\":\"s\",\"data\":\"s1\"}"* ]] ||
         fail "GetManagedObjects does not list s1: $out"
