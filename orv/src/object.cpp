@@ -18,6 +18,24 @@ void noRelease(void*) {}
 
 // Everything that needs the private members of object_t and datamodel_t.
 struct object_access {
+    static std::uint64_t keyHash(std::string_view key) {
+        return std::hash<std::string_view>{}(key);
+    }
+
+    // The template's instance with that key, or null.
+    static object_t* byKey(const object_t* templateObject, std::string_view key) {
+        const std::uint64_t hash = keyHash(key);
+        object_t* found = nullptr;
+        // The stored hash spares reading the instances of other keys.
+        templateObject->byKey_.scan(hash, [&](std::size_t, const object_key_slot_t& slot) {
+            if (slot.hash == hash && slot.instance->name_ == key) {
+                found = slot.instance;
+            }
+            return found != nullptr;
+        });
+        return found;
+    }
+
     static std::unique_ptr<object_t> make(datamodel_t* model, object_t* parent,
                                           const object_definition_t* definition,
                                           object_t::kind_t kind, std::string name) {
@@ -85,7 +103,7 @@ struct object_access {
             chosen = templateObject->nextIndex_;
             if (!key) {
                 // The name comes from the index: skip indices whose text is a key already.
-                while (templateObject->byKey_.count(std::to_string(chosen)) != 0 &&
+                while (byKey(templateObject, std::to_string(chosen)) != nullptr &&
                        chosen < std::numeric_limits<std::uint32_t>::max()) {
                     ++chosen;
                 }
@@ -102,7 +120,7 @@ struct object_access {
             orv_setError(orv_error_invalid_argument);
             return nullptr;
         }
-        if (templateObject->byKey_.count(name) != 0) {
+        if (byKey(templateObject, name) != nullptr) {
             orv_setError(orv_error_duplicate);
             return nullptr;
         }
@@ -114,7 +132,7 @@ struct object_access {
         object_t* raw = instance.get();
         templateObject->instances_.push_back(std::move(instance));
         raw->self_ = std::prev(templateObject->instances_.end());
-        templateObject->byKey_.emplace(std::string_view(raw->name_), raw);
+        templateObject->byKey_.insert({keyHash(raw->name_), raw});
         if (chosen >= templateObject->nextIndex_) {
             // 0 after the last index: no automatic index is left.
             templateObject->nextIndex_ = chosen + 1;
@@ -147,7 +165,12 @@ struct object_access {
         }
         destroyTree(instance);
         object_t* templateObject = instance->parent_;
-        templateObject->byKey_.erase(std::string_view(instance->name_));
+        const std::size_t filed = templateObject->byKey_.scan(
+            keyHash(instance->name_),
+            [&](std::size_t, const object_key_slot_t& slot) { return slot.instance == instance; });
+        if (filed != templateObject->byKey_.npos) {
+            templateObject->byKey_.eraseAt(filed);
+        }
         templateObject->instances_.erase(instance->self_);
     }
 
@@ -338,8 +361,7 @@ object_t* object_t::child(std::string_view name) const {
 }
 
 object_t* object_t::instance(std::string_view key) const {
-    auto it = byKey_.find(key);
-    return it == byKey_.end() ? nullptr : it->second;
+    return object_access::byKey(this, key);
 }
 
 object_parameter_t* object_t::parameter(std::string_view name) {

@@ -21,9 +21,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
+#include "orv/flat_table.h"
 #include "orv/variant.h"
 
 class object_t;
@@ -54,6 +54,16 @@ struct object_parameter_t {
 };
 
 class datamodel_t;
+
+// An instance filed under the hash of its key in its template's index.
+struct object_key_slot_t {
+    std::uint64_t hash = 0;
+    object_t* instance = nullptr;
+};
+struct object_key_traits_t {
+    static bool empty(const object_key_slot_t& slot) { return slot.instance == nullptr; }
+    static std::uint64_t hash(const object_key_slot_t& slot) { return slot.hash; }
+};
 
 class object_t {
   public:
@@ -98,7 +108,7 @@ class object_t {
     std::vector<std::unique_ptr<object_t>> children_;
     std::list<std::unique_ptr<object_t>> instances_;
     std::list<std::unique_ptr<object_t>>::iterator self_;
-    std::unordered_map<std::string_view, object_t*> byKey_;
+    orv_flat_table_t<object_key_slot_t, object_key_traits_t> byKey_;
     std::vector<object_parameter_t> parameters_;
     std::unique_ptr<void, void (*)(void*)> userData_{nullptr, [](void*) {}};
     object_destroy_handler_t destroyHandler_ = nullptr;
