@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "orv/error.h"
@@ -51,8 +52,9 @@ void logDestroy(object_t* object) {
 
 // User data that logs its release, so the log shows it follows the handler.
 struct tracked_t {
-    std::string name;
+    explicit tracked_t(std::string n) : name(std::move(n)) {}
     ~tracked_t() { g_log->push_back("release " + name); }
+    std::string name;
 };
 
 class DataModel : public ::testing::Test {
