@@ -49,7 +49,8 @@ orv_bus_ptr orv_dbus_open(const std::string& which, const char* description, int
 // answer (signals, announcements to other services) are held and go out
 // after its reply: the caller gets its answer without waiting for the bus
 // daemon to route them first. One holder lives per handled call; outside
-// one, orv_dbus_send sends at once. Held messages keep their order.
+// one, orv_dbus_send sends at once. Held messages keep their order. An error
+// reply, which sd-bus sends once the handler has returned, follows them.
 class orv_dbus_reply_first_t {
   public:
     orv_dbus_reply_first_t();
