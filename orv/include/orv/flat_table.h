@@ -54,8 +54,6 @@ class orv_flat_table_t {
         return npos;
     }
 
-    Slot& at(std::size_t index) { return slots_[index]; }
-
     // Backward-shift deletion: the slots after the hole that may live in it
     // move up, so that every slot stays reachable from its home.
     void eraseAt(std::size_t hole) {
