@@ -15,6 +15,11 @@ constexpr std::array<std::string_view, 6> kBaseNames = {"Once",   "Hourly",  "Da
 constexpr std::array<std::uint32_t, 6> kBoundaries = {UINT32_MAX, 3600,    86400,
                                                       604800,     2678400, 31622400};
 
+// The scheduler refuses a whole call that carries a longer text or a longer
+// list of entries, so one such schedule would keep a registration out.
+constexpr std::size_t kMaxTextBytes = 4096;
+constexpr std::size_t kMaxEntries = 1024;
+
 bool allowed(const std::vector<std::string>& states, const std::string& state) {
     return std::find(states.begin(), states.end(), state) != states.end();
 }
@@ -95,6 +100,12 @@ std::optional<std::string> validate(const schedule_t& schedule,
                                     const std::vector<std::string>& states) {
     if (schedule.id.empty()) {
         return "the schedule has no ID";
+    }
+    if (schedule.id.size() > kMaxTextBytes) {
+        return "the ID is longer than 4096 bytes";
+    }
+    if (schedule.entries.size() > kMaxEntries) {
+        return "the schedule has more than 1024 entries";
     }
     if (!allowed(states, schedule.default_state)) {
         return "the default state \"" + schedule.default_state +

@@ -72,6 +72,9 @@ TEST(ClientSchedule, ValidateFollowsTheSchedulersRules) {
     header = daily({});
     header.override_state = "$(reboot)";
     EXPECT_TRUE(scheduler::validate(header, kStates));
+    header.id = std::string(4097, 'x');
+    EXPECT_EQ(scheduler::validate(header, kStates).value_or(""),
+              "the ID is longer than 4096 bytes");
     header.id.clear();
     EXPECT_EQ(scheduler::validate(header, kStates).value_or(""), "the schedule has no ID");
 }

@@ -52,7 +52,8 @@ struct schedule_status_t {
 
 // Why the scheduler would refuse the schedule for a type with these states,
 // in one sentence, or nullopt when it would take it. The rules are the
-// scheduler's: known states, entries inside the period, begin not after end,
+// scheduler's: an ID of at most 4096 bytes, at most 1024 entries, known
+// states, entries inside the period, begin not after end,
 // no overlap and no mix of events and spans among the entries that do not
 // hold the default state.
 SCHEDULER_CLIENT_API std::optional<std::string> validate(const schedule_t& schedule,
