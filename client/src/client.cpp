@@ -308,7 +308,25 @@ int client_t::run() {
             impl_->signalSources_.emplace_back(source);
         }
     }
-    return sd_event_loop(impl_->event_.get());
+    const int r = sd_event_loop(impl_->event_.get());
+    if (impl_->registered_) {
+        save();
+    }
+    return r;
+}
+
+bool client_t::save(std::string* error) {
+    if (!impl_->registered_) {
+        if (error != nullptr) {
+            *error = "the type is not registered";
+        }
+        return false;
+    }
+    const bool saved = impl_->readBackAndSave(nullptr);
+    if (!saved && error != nullptr) {
+        *error = "the schedules could not be read back and saved";
+    }
+    return saved;
 }
 
 void client_t::stop() {

@@ -107,12 +107,17 @@ class SCHEDULER_CLIENT_API client_t {
                                                      std::time_t stop,
                                                      std::string* error = nullptr);
 
+    // Reads the schedules back and saves them now, without waiting for the
+    // scheduler's change notice: an owner that stops calls it last, so that
+    // a change made just before is not lost. run() does it by itself.
+    bool save(std::string* error = nullptr);
+
     // True while the scheduler holds the type as registered by this client.
     bool registered() const;
     // The loop the client runs on.
     sd_event* event() const;
-    // Runs the client's own loop until stop(), SIGTERM or SIGINT; the exit
-    // code is 0 then. With the caller's loop, the caller runs it instead and
+    // Runs the client's own loop until stop(), SIGTERM or SIGINT, then
+    // saves; the exit code is 0 then. With the caller's loop, the caller runs it instead and
     // this returns -EBUSY at once.
     int run();
     void stop();
