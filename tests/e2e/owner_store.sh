@@ -56,8 +56,10 @@ add() { # ID BASE BEGIN END [ENABLE]
 start_bus
 "$time_bin" --bus "$addr" --status Synchronized 2>"$work/time.log" &
 pids+=("$!")
-start_orvd
+# The owner comes first and waits for the scheduler's name.
 start_owner
+until_true "grep -q 'waiting for the scheduler' '$work/owner.err'" || fail "the owner does not wait"
+start_orvd
 until_true registered || fail "the owner did not register its type"
 # The example owner adds "evening" once registered.
 until_true "grep -q '^evening: ' '$work/owner.out'" || fail "the owner got no state"
