@@ -2,11 +2,14 @@
 # The main job: builds the project, then runs the scheduler for real on D-Bus
 # with the Time service and a demo client, and shows what happens.
 #
-# It registers the type "Light" (states on and off) for the client object
-# Device.Light and an Hourly schedule that switches the light every 5 seconds,
-# prints each "setState" call as the client receives it, and prints a
-# simulation of the next two minutes. Ctrl-C (or --for SECONDS) stops
-# everything cleanly.
+# The demo client is the owner program orv-owner: it owns the type "Light"
+# (states on and off) for the client object Device.Light, keeps the type's
+# schedules in a store that outlives the run (build/demo-state/light.json, or
+# $XDG_STATE_HOME/orv-scheduler-demo when that is set), and runs a command for
+# each "setState". The first run adds an Hourly schedule that switches the
+# light every 5 seconds; later runs find it in the store. It prints a
+# simulation of the next two minutes and each command the owner runs.
+# Ctrl-C (or --for SECONDS) stops everything cleanly.
 #
 # It uses the session bus when one is reachable, and otherwise a private
 # dbus-daemon of its own.
@@ -30,7 +33,8 @@ stop() {
     trap - INT TERM EXIT
     echo
     echo "Stopping."
-    # The daemon first, so that it cleans up while its bus is still there.
+    # The owner first, so that it saves while the scheduler is there, then
+    # the daemon, so that it cleans up while its bus is still there.
     for pid in "${pids[@]}"; do
         kill -TERM "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
@@ -77,26 +81,35 @@ await org.orv.Scheduler
 "$bin/tools/orv-time" --bus "$bus" --status Synchronized 2>"$run/time.log" &
 time_pid=$!
 await org.orv.Time
-cli serve Device.Light 2>"$run/client.log" > >(sed -u 's/^/client received: /') &
-client_pid=$!
+state=${XDG_STATE_HOME:+$XDG_STATE_HOME/orv-scheduler-demo}
+state=${state:-build/demo-state}
+mkdir -p "$state"
+echo "The owner of the type Light keeps its schedules in $state/light.json."
+# The command runs as argv, never through a shell: date prints the time it
+# ran with the schedule's ID and state.
+"$bin/tools/orv-owner" --bus "$bus" --type Light --path Device.Light --states on,off \
+    --store "$state/light.json" --exec date "+client ran at %H:%M:%S.%3N: {ID} -> {state}" \
+    2>"$run/owner.log" &
+owner_pid=$!
 await org.orv.Device
-pids=("$orvd_pid" "$client_pid" "$time_pid" ${bus_pid:+"$bus_pid"})
+pids=("$owner_pid" "$orvd_pid" "$time_pid" ${bus_pid:+"$bus_pid"})
 
-echo "Registering the type Light for Device.Light:"
-cli call Scheduler registerScheduleType \
-    '{"type": "Light", "path": "Device.Light", "states": ["on", "off"]}'
-
-# Hourly entries count seconds from the start of the local hour: "on" for
-# 5 s out of every 10, the first one starting 3 s from now.
-now=$((10#$(date +%M) * 60 + 10#$(date +%S)))
-entries=$(awk -v first=$(((now + 3) % 10)) 'BEGIN {
-    for (b = first; b + 5 < 3600; b += 10)
-        printf "%s{\"state\": \"on\", \"begin\": %d, \"end\": %d}", (b == first ? "" : ","), b, b + 5
-}')
-echo "Adding the Hourly schedule \"blink\" (on 5 s out of every 10):"
-cli call Scheduler addSchedule "{\"type\": \"Light\", \"info\": {\"ID\": \"blink\",
-    \"enable\": true, \"base\": \"Hourly\", \"def\": \"off\", \"override\": \"\",
-    \"schedule\": [$entries]}}"
+if cli call Scheduler getSchedule '{"type": "Light", "ID": "blink"}' | grep -q '"return":true'; then
+    echo "The schedule \"blink\" came back from the store:"
+    cli get Scheduler.Types.Light.Schedules.blink
+else
+    # Hourly entries count seconds from the start of the local hour: "on"
+    # for 5 s out of every 10, the first one starting 3 s from now.
+    now=$((10#$(date +%M) * 60 + 10#$(date +%S)))
+    entries=$(awk -v first=$(((now + 3) % 10)) 'BEGIN {
+        for (b = first; b + 5 < 3600; b += 10)
+            printf "%s{\"state\": \"on\", \"begin\": %d, \"end\": %d}", (b == first ? "" : ","), b, b + 5
+    }')
+    echo "Adding the Hourly schedule \"blink\" (on 5 s out of every 10):"
+    cli call Scheduler addSchedule "{\"type\": \"Light\", \"info\": {\"ID\": \"blink\",
+        \"enable\": true, \"base\": \"Hourly\", \"def\": \"off\", \"override\": \"\",
+        \"schedule\": [$entries]}}"
+fi
 
 start=$(date -u +%Y-%m-%dT%H:%M:%SZ)
 stop_at=$(date -u -d "+2 minutes" +%Y-%m-%dT%H:%M:%SZ)
@@ -105,10 +118,9 @@ cli call Scheduler simulateSchedule \
     "{\"type\": \"Light\", \"ID\": \"blink\", \"start\": \"$start\", \"stop\": \"$stop_at\"}" |
     sed -e 's/^{"return":\["//' -e 's/"\],"out":{}}$//' -e 's/","/\n  /g' -e 's/^/  /'
 
-echo "The schedule as the bus shows it:"
-cli get Scheduler.Types.Light.Schedules.blink
 echo
-echo "Each setState call appears below as the client receives it. Ctrl-C stops."
+echo "Each command the owner runs for a setState appears below. Ctrl-C stops; run"
+echo "this again and the schedule comes back from the store."
 if [[ -n $duration ]]; then
     sleep "$duration"
 else

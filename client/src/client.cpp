@@ -122,6 +122,12 @@ void client_t::impl_t::attach() {
               "cannot attach the bus to the loop");
         attachedBus_ = true;
     }
+    // Without its bus the owner can do nothing: the loop ends with 1, so
+    // that a service manager starts it again. A caller's bus is its own
+    // business.
+    if (bus_.get_deleter().opened) {
+        check(sd_bus_set_exit_on_disconnect(bus_.get(), 1), "cannot follow the bus");
+    }
 }
 
 void client_t::impl_t::serveClientObject() {
