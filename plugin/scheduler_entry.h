@@ -16,6 +16,9 @@ struct scheduleentry_properties_t {
     // The entries as ordered and verified when the instance was made. The
     // list never changes afterwards.
     entrylist_t entries;
+    // The state of the latest temporary override; it counts while the
+    // TemporaryOverride parameter is true.
+    std::string temporaryState;
 };
 
 // Creates the schedule instance of a schedule record below a type instance,

@@ -15,6 +15,7 @@
 #include "scheduler_entry.h"
 #include "scheduler_peeklist.h"
 #include "scheduler_plugin_common.h"
+#include "scheduler_reassert.h"
 #include "scheduler_schedule.h"
 #include "scheduler_simulation.h"
 #include "scheduler_time.h"
@@ -42,6 +43,9 @@ bool ntpSynchronized = false;
 string_list_t saveList;
 orv_timer_ptr eventTimer;
 orv_timer_ptr saveTimer;
+// The root lookup stays open: after "Time" it tells which clients come back.
+request_t* lookupRequest = nullptr;
+bool timeSeen = false;
 
 void* recalculateFlag(bool on) {
     return reinterpret_cast<void*>(static_cast<std::uintptr_t>(on ? 1 : 0));
@@ -97,7 +101,8 @@ bool sendLookup() {
         return false;
     }
     request_setReplyHandler(request.get(), orv_plugin_object_loaded);
-    if (orv_sendRequest(pluginContext, busPeer, std::move(request)) == nullptr) {
+    lookupRequest = orv_sendRequest(pluginContext, busPeer, std::move(request));
+    if (lookupRequest == nullptr) {
         tolvTrace(0, "unable to wait for objects");
         return false;
     }
@@ -110,6 +115,7 @@ bool initialize(orv_context_t* context) {
     const orv_plugin_config_t* config = orv_pluginConfig(context);
     busPeer = config != nullptr ? config->busPeer : nullptr;
     ntpSynchronized = false;
+    timeSeen = false;
     orv_client_set_attribute(pluginContext, kClientAttributeTimeout, kClientTimeoutMs);
     eventTimer = createTimer(orv_plugin_eventTimerHandler);
     if (!eventTimer) {
@@ -132,35 +138,15 @@ bool initialize(orv_context_t* context) {
 void cleanup() {
     tolvTraceZ(400, ME, "Cleaning up scheduler_plugin plugin");
     destroyTimers();
+    if (lookupRequest != nullptr) {
+        request_destroy(lookupRequest);
+        lookupRequest = nullptr;
+    }
     peeklist_removeComleteList();
     string_list_cleanup(&saveList);
     ntpSynchronized = false;
     pluginContext = nullptr;
     busPeer = nullptr;
-}
-
-// Walks one delivery of the lookup; true when it holds the object "Time".
-bool deliveryHoldsTime(const reply_t* reply) {
-    for (const reply_item_t* item = reply_firstItem(reply); item != nullptr;
-         item = reply_nextItem(reply, item)) {
-        if (reply_item_type(item) == reply_type_error) {
-            tolvTrace(200, "unable to wait for object: %s (%s)", reply_item_errorDescription(item),
-                      reply_item_errorInfo(item));
-            continue;
-        }
-        if (reply_item_type(item) != reply_type_object) {
-            continue;
-        }
-        std::optional<std::string> name = object_name(reply_item_object(item), 1);
-        if (!name) {
-            tolvTrace(200, "unable to fetch object name: %s", error_string(orv_error()));
-            continue;
-        }
-        if (*name == "Time") {
-            return true;
-        }
-    }
-    return false;
 }
 
 // Starts the processing: the first run of the event timer rebuilds the
@@ -246,13 +232,40 @@ void timeChanged(request_t* request) {
     tolvTraceOut(ME);
 }
 
+// A root object on the bus: "Time" starts the watch of the clock, once; any
+// other is a client service that (re)appeared and is told its states.
+void rootAppeared(const std::string& name) {
+    if (name == "Time") {
+        if (!timeSeen) {
+            timeSeen = true;
+            timeFound();
+        }
+        return;
+    }
+    bool match = false;
+    object_t* types =
+        object_getObject(pluginContext->datamodel()->root(), "Scheduler.Types", 0, &match);
+    if (ntpSynchronized && match) {
+        reassert_root(types, name, time_getCurrentLocalTime());
+    }
+}
+
 bool objectLoaded(request_t* request) {
     const reply_t* reply = request_reply(request);
-    if (reply == nullptr || !deliveryHoldsTime(reply)) {
-        return true;
+    for (const reply_item_t* item = reply_firstItem(reply); item != nullptr;
+         item = reply_nextItem(reply, item)) {
+        if (reply_item_type(item) == reply_type_error) {
+            tolvTrace(200, "unable to wait for object: %s (%s)", reply_item_errorDescription(item),
+                      reply_item_errorInfo(item));
+        } else if (reply_item_type(item) == reply_type_object) {
+            std::optional<std::string> name = object_name(reply_item_object(item), 1);
+            if (!name) {
+                tolvTrace(200, "unable to fetch object name: %s", error_string(orv_error()));
+            } else {
+                rootAppeared(*name);
+            }
+        }
     }
-    timeFound();
-    request_destroy(request);
     return true;
 }
 
@@ -604,11 +617,20 @@ bool registerScheduleType(object_t* object, const std::optional<std::string>& ty
         tolvTraceOut(ME);
         return false;
     }
+    // A type registered again keeps its schedules; its owner restarted, so
+    // each of them tells the client its present state once. Schedules that
+    // come with the call tell it when they are added.
+    object_t* existing = schedulertype_getSpecificScheduler(object, *type);
+    std::vector<object_t*> kept =
+        existing ? reassert_schedulesOf(existing) : std::vector<object_t*>{};
     object_t* typeInstance = schedulertype_addInstance(object, *type, *path, std::move(*states));
     if (typeInstance == nullptr) {
         tolvTrace(100, "Could not add types instance");
         tolvTraceOut(ME);
         return false;
+    }
+    if (ntpSynchronized) {
+        reassert_schedules(kept, time_getCurrentLocalTime());
     }
     if (schedules) {
         addRegisteredSchedules(typeInstance, *type, *schedules);
@@ -910,6 +932,9 @@ bool overrideTemporarily(object_t* object, const std::string& type, const std::s
     object_t* instance = findSchedule(object, type, id);
     if (instance == nullptr) {
         return false;
+    }
+    if (auto* properties = object_getUserData<scheduleentry_properties_t>(instance)) {
+        properties->temporaryState = state;
     }
     if (!object_parameterSetBoolValue(instance, "TemporaryOverride", true)) {
         tolvTrace(100, "Failed to add set \"TemporaryOverride'' parameter for type %s with ID %s",

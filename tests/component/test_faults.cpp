@@ -108,16 +108,18 @@ TEST(Faults, ClockJumpsAndDaylightSavingSwitches) {
     }
 }
 
-TEST(Faults, ClientThatWentAwayGetsTheNextChangeWhenBack) {
+TEST(Faults, ClientThatWentAwayIsToldItsStateWhenBack) {
     virtual_host_t host;  // Tuesday 22:13:20 UTC
     setUp(host, kEvening);
     host.removeClient("Device.Light");
     host.advanceTo(at("2023-11-14T23:00:00Z"));
     EXPECT_EQ(text(host, "CurrentState"), "Unsynchronized");
     EXPECT_EQ(text(host, "NextStateChange"), "2023-11-15T18:00:00Z");
+    host.advanceTo(at("2023-11-15T01:00:00Z"));
     host.addClient("Device.Light");
+    EXPECT_EQ(text(host, "CurrentState"), "off");
     host.advanceTo(at("2023-11-15T18:00:00Z"));
-    EXPECT_EQ(pushed(host), "14T22:13 on,15T18:00 on");
+    EXPECT_EQ(pushed(host), "14T22:13 on,15T01:00 off,15T18:00 on");
     EXPECT_EQ(text(host, "CurrentState"), "on");
     EXPECT_EQ(text(host, "NextStateChange"), "2023-11-15T23:00:00Z");
 }

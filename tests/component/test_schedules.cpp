@@ -237,8 +237,9 @@ const std::string kS1Info = R"({"ID":"s1","enable":true,"base":"Daily","def":"of
                             R"("value":"off")";
 const std::string kS1Entries = R"(,"schedule":[{"state":"eco","begin":0,"end":1800},)"
                                R"({"state":"on","begin":64800,"end":82800}]})";
+// s3 was told its default when its type was registered again.
 const std::string kS3Info =
-    R"({"ID":"s3","enable":false,"base":"Weekly","def":"off","override":"","value":"")";
+    R"({"ID":"s3","enable":false,"base":"Weekly","def":"off","override":"","value":"off")";
 const std::vector<std::tuple<const char*, const char*, std::string>> kQueries = {
     {"getSchedules", R"({"type":"Light","scheduleInfo":[{"ID":"x"}]})",
      R"(true {"scheduleInfo":[)" + kS1Info + "}," + kS3Info + R"(}],"type":"Light"})"},
@@ -301,10 +302,12 @@ TEST(Schedules, RegistrationReadBackAndUnregistration) {
         EXPECT_EQ(answer(host, function, arguments), expected) << function << " " << arguments;
     }
 
+    // Each registration again told s1 and s3 their states.
+    EXPECT_EQ(host.setStateCalls().size(), 6u);
     EXPECT_EQ(returned(host.call("unregisterScheduleType", R"({"type":"Light"})")), true);
     EXPECT_EQ(host.object("Scheduler.Types.Light"), nullptr);
     host.advance(2 * 86400);
-    EXPECT_EQ(host.setStateCalls().size(), 2u) << "the removed schedules send nothing";
+    EXPECT_EQ(host.setStateCalls().size(), 6u) << "the removed schedules send nothing";
     EXPECT_EQ(returned(host.call("getSchedules", R"({"type":"Light"})")), false);
 }
 

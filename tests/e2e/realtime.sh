@@ -130,7 +130,8 @@ check_changes() {
 }
 
 # s3 is on from now + 3 to now + 8. The client is away at the first change,
-# which reads as "Unsynchronized", and back for the second, which reaches it.
+# which reads as "Unsynchronized". Back, it is told the present state of each
+# schedule at once, and the second change reaches it in its second.
 check_absent_client() {
     next_second
     once s3 $((now + 3)) $((now + 8))
@@ -141,9 +142,17 @@ check_absent_client() {
     wait_exit "$serve" || fail "serve did not stop"
     sleep_until $((now + 4))
     reads s3 CurrentState 's "Unsynchronized"'
+    local back
+    back=$(date +%s)
     start_serve serve_again
-    calls serve_again 1
-    expect serve_again 1 "$((now + 8)) s3 off"
+    calls serve_again 3
+    reads s3 CurrentState 's "on"'
+    received serve_again 1 | grep -q "^$(iso "$back")\|^$(iso $((back + 1)))" ||
+        fail "the client was not told its states within 1 s of coming back: $(received serve_again 1)"
+    [[ $(received serve_again 1 | cut -d' ' -f2-) == $'s1 off\ns2 off\ns3 on' ]] ||
+        fail "the client was told [$(received serve_again 1)] when it came back"
+    calls serve_again 4
+    expect serve_again 4 "$((now + 8)) s3 off"
 }
 
 check_bus_lost() {
