@@ -1,6 +1,7 @@
 // client_t: setting up on the bus and the loop, and the bus callbacks.
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -235,6 +236,15 @@ int client_t::impl_t::onSetState(sd_bus_message* m, void* userdata, sd_bus_error
         return sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED,
                                 "only the scheduler sets the states of this object");
     }
+    try {
+        return self->setState(m, error);
+    } catch (const std::exception& e) {
+        self->log(std::string("a setState failed: ") + e.what());
+        return -ENOMEM;
+    }
+}
+
+int client_t::impl_t::setState(sd_bus_message* m, sd_bus_error* error) {
     variant_map_t arguments;
     if (orv_dbus_readMap(m, &arguments) < 0) {
         return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "setState takes a{sv}");
@@ -244,17 +254,17 @@ int client_t::impl_t::onSetState(sd_bus_message* m, void* userdata, sd_bus_error
     if (!id || !state) {
         return replyBool(m, false, "setState needs the texts \"ID\" and \"state\"");
     }
-    if (!self->allowedState(*state)) {
-        self->log("refused the state \"" + *state + "\" for \"" + *id +
-                  "\": it is not one of the type's states");
+    if (!allowedState(*state)) {
+        log("refused the state \"" + *state + "\" for \"" + *id +
+            "\": it is not one of the type's states");
         return replyBool(m, false, "the state \"" + *state + "\" is not one of the type's states");
     }
     try {
-        if (self->options_.on_state) {
-            self->options_.on_state(*id, *state);
+        if (options_.on_state) {
+            options_.on_state(*id, *state);
         }
     } catch (const std::exception& e) {
-        self->log("the state handler failed for \"" + *id + "\": " + e.what());
+        log("the state handler failed for \"" + *id + "\": " + e.what());
     }
     return replyBool(m, true, "");
 }

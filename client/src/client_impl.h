@@ -56,6 +56,7 @@ struct client_t::impl_t {
 
     // --- bus callbacks (client.cpp)
     static int onSetState(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    int setState(sd_bus_message* m, sd_bus_error* error);
     static int onOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onNotification(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onStart(sd_event_source* source, void* userdata);
