@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli_schedule.h"
 #include "orv/dbus_value.h"
 #include "orv/sd_loop.h"
 #include "orv/variant.h"
@@ -44,6 +45,7 @@ struct args_t {
     std::string function;
     std::string json = "{}";
     std::vector<std::string> functions;
+    schedule_args_t schedule;
     int (*run)(const args_t&) = nullptr;
 };
 
@@ -511,7 +513,46 @@ void addPath(CLI::App* command, args_t* args) {
     command->add_option("PATH", args->path, "data-model path, e.g. Device.Light")->required();
 }
 
-const std::array<command_t, 5> kCommands{{
+// schedule add|show|next|svg: the text form and the pictures.
+void addScheduleCommands(CLI::App* command, args_t* args) {
+    command->require_subcommand(1);
+    schedule_args_t* s = &args->schedule;
+    auto typeAndId = [s](CLI::App* sub, bool idRequired) {
+        sub->add_option("TYPE", s->type, "the schedule type, e.g. Light")->required();
+        sub->add_option("ID", s->id, "the schedule's ID")->required(idRequired);
+        sub->add_option("--now", s->now, "the present moment, ISO 8601 (default: the clock)");
+    };
+    CLI::App* add = command->add_subcommand("add", "add or replace a schedule from its text form");
+    typeAndId(add, true);
+    add->add_option("TEXT", s->text, "e.g. 'Mon-Fri 07:00-08:30 on; default off'")->required();
+    add->add_flag("--disabled", s->disabled, "add it disabled");
+    add->add_option("--override", s->override_state, "a permanent override");
+    add->add_flag("--json", s->json, "answer in JSON");
+    add->callback(
+        [args] { args->run = [](const args_t& a) { return cli_scheduleAdd(a.bus, a.schedule); }; });
+    CLI::App* show =
+        command->add_subcommand("show", "print schedules as text, state and week grid");
+    typeAndId(show, false);
+    show->add_flag("--json", s->json, "print JSON");
+    show->add_option("--colour", s->colour, "auto, always or never")->capture_default_str();
+    show->callback([args] {
+        args->run = [](const args_t& a) { return cli_scheduleShow(a.bus, a.schedule); };
+    });
+    CLI::App* next = command->add_subcommand("next", "list a schedule's next changes");
+    typeAndId(next, true);
+    next->add_option("--count", s->count, "how many")->capture_default_str();
+    next->add_flag("--json", s->json, "print JSON");
+    next->callback([args] {
+        args->run = [](const args_t& a) { return cli_scheduleNext(a.bus, a.schedule); };
+    });
+    CLI::App* svg = command->add_subcommand("svg", "write the week picture of a schedule as SVG");
+    typeAndId(svg, true);
+    svg->add_option("-o,--output", s->output, "the file (default: standard output)");
+    svg->callback(
+        [args] { args->run = [](const args_t& a) { return cli_scheduleSvg(a.bus, a.schedule); }; });
+}
+
+const std::array<command_t, 6> kCommands{{
     {"call", "call a function with named arguments given as a JSON object",
      [](CLI::App* command, args_t* args) {
          addPath(command, args);
@@ -545,6 +586,7 @@ const std::array<command_t, 5> kCommands{{
          addPath(command, args);
          command->callback([args] { args->run = runWatch; });
      }},
+    {"schedule", "schedules as text and pictures: add, show, next, svg", addScheduleCommands},
 }};
 
 // 0 to go on, or the exit code.

@@ -80,6 +80,7 @@ TEST(TextForm, ErrorsSayWhereAndWhat) {
     const std::vector<std::string> states = {"on", "off"};
     const std::vector<std::pair<std::string, std::string>> rows = {
         {"Mon-Fri x", "col 9: expected a time such as 07:30"},
+        {"Mon-Fri 07:00-08:3x on", "col 15: that is not a time of day, expected a time such as 07:30"},
         {"Mon 25:00-26:00 on", "col 5: that is not a time of day, expected a time such as 07:30"},
         {"Mon 07:00-08:00", "col 16: expected a state"},
         {"Mon 07:00 on; Frx 08:00 on", "col 15: expected a day such as Mon"},

@@ -73,6 +73,13 @@ class cursor_t {
         return text_.substr(at_, end - at_);
     }
     void skip(std::size_t n) { at_ += n; }
+    // Exactly n digits; none otherwise (the cursor is left after the digits
+    // it read).
+    std::optional<std::uint32_t> digits(std::size_t n) {
+        const std::size_t start = at_;
+        std::optional<std::uint32_t> value = number(n);
+        return at_ - start == n ? value : std::nullopt;
+    }
     // Digits, at most max of them; none when there are none.
     std::optional<std::uint32_t> number(std::size_t max) {
         std::uint32_t value = 0;

@@ -23,12 +23,11 @@ std::uint32_t readClock(cursor_t& in, bool isEnd) {
     if (!h || !in.take(':')) {
         in.fail(column, "expected a time such as 07:30");
     }
-    const std::optional<std::uint32_t> m = in.number(2);
+    const std::optional<std::uint32_t> m = in.digits(2);
     std::uint32_t s = 0;
-    if (m && in.peek() == ':') {
-        in.take(':');
-        const std::optional<std::uint32_t> seconds = in.number(2);
-        s = seconds.value_or(60);
+    if (m && in.next() == ':') {
+        in.skip(1);
+        s = in.digits(2).value_or(60);
     }
     const std::uint32_t total = *h * 3600 + m.value_or(60) * 60 + s;
     if (!m || *m > 59 || s > 59 || total > 86400 || (total == 86400 && !isEnd)) {
@@ -44,11 +43,11 @@ std::uint32_t readMinute(cursor_t& in, bool isEnd) {
     if (!in.take(':')) {
         in.expected("a minute such as :15");
     }
-    const std::optional<std::uint32_t> m = in.number(2);
+    const std::optional<std::uint32_t> m = in.digits(2);
     std::uint32_t s = 0;
-    if (m && in.peek() == ':') {
-        in.take(':');
-        s = in.number(2).value_or(60);
+    if (m && in.next() == ':') {
+        in.skip(1);
+        s = in.digits(2).value_or(60);
     }
     if (!m || s > 59 || *m > 60 || (*m == 60 && (s != 0 || !isEnd))) {
         in.fail(column, "expected a minute such as :15 (:60 only ends a span)");
