@@ -9,7 +9,7 @@ packages=(
     libsystemd-dev nlohmann-json3-dev libcli11-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     tzdata dbus-daemon dbus-bin systemd libglib2.0-bin
-    clang libclang-rt-dev valgrind jq librsvg2-bin libxml2-utils
+    clang libclang-rt-dev valgrind jq librsvg2-bin libxml2-utils scdoc groff-base
 )
 
 missing=()
