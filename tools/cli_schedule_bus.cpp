@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "orv/dbus_value.h"
+#include "orv/variant.h"
 #include "schedule_json.h"
 #include "scheduler_call.h"
 
@@ -23,14 +24,6 @@ scheduler::call_result_t call(sd_bus* bus, const std::string& function,
         throw cli_failure_t{refused ? kRefused : kFailed, result.error};
     }
     return result;
-}
-
-std::string isoUtc(std::time_t t) {
-    std::tm utc{};
-    gmtime_r(&t, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
 }
 
 scheduler::schedule_status_t statusOf(const scheduler::json& value) {
@@ -122,8 +115,9 @@ std::vector<scheduler::schedule_status_t> cli_schedules(sd_bus* bus, const std::
 
 cli_simulation_t cli_simulate(sd_bus* bus, const std::string& type, const std::string& id,
                               std::time_t from, std::time_t to) {
-    auto result = call(bus, "simulateSchedule",
-                       {{"type", type}, {"ID", id}, {"start", isoUtc(from)}, {"stop", isoUtc(to)}});
+    auto result =
+        call(bus, "simulateSchedule",
+             {{"type", type}, {"ID", id}, {"start", orv_isoTime(from)}, {"stop", orv_isoTime(to)}});
     cli_simulation_t simulation;
     if (!result.returned.is_array()) {
         throw cli_failure_t{kFailed, "the scheduler's simulation has an unexpected form"};

@@ -2,6 +2,7 @@
 #include <ctime>
 
 #include "client_impl.h"
+#include "orv/variant.h"
 
 namespace scheduler {
 
@@ -19,14 +20,6 @@ bool refuse(std::string reason, std::string* error) {
         *error = std::move(reason);
     }
     return false;
-}
-
-std::string isoUtc(std::time_t t) {
-    std::tm utc{};
-    gmtime_r(&t, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
 }
 
 std::optional<schedule_status_t> statusOf(const json& value, std::string* error) {
@@ -99,8 +92,9 @@ std::optional<std::vector<schedule_status_t>> client_t::list(std::string* error)
 
 std::optional<std::vector<std::string>> client_t::simulate(const std::string& id, std::time_t start,
                                                            std::time_t stop, std::string* error) {
-    const call_result_t result = impl_->call(
-        "simulateSchedule", {{"ID", id}, {"start", isoUtc(start)}, {"stop", isoUtc(stop)}});
+    const call_result_t result =
+        impl_->call("simulateSchedule",
+                    {{"ID", id}, {"start", orv_isoTime(start)}, {"stop", orv_isoTime(stop)}});
     if (!answer(result, error)) {
         return std::nullopt;
     }
