@@ -231,3 +231,36 @@ int cli_scheduleSvg(const std::string& bus, const schedule_args_t& args) {
         return 0;
     });
 }
+
+void cli_addScheduleCommands(CLI::App* command, schedule_args_t* s,
+                             std::function<void(cli_schedule_run_t)> chosen) {
+    command->require_subcommand(1);
+    auto typeAndId = [s](CLI::App* sub, bool idRequired) {
+        sub->add_option("TYPE", s->type, "the schedule type, e.g. Light")->required();
+        sub->add_option("ID", s->id, "the schedule's ID")->required(idRequired);
+        sub->add_option("--now", s->now, "the present moment, ISO 8601 (default: the clock)");
+    };
+    auto json = [s](CLI::App* sub) { sub->add_flag("--json", s->json, "answer in JSON"); };
+    CLI::App* add = command->add_subcommand("add", "add or replace a schedule from its text form");
+    typeAndId(add, true);
+    add->add_option("TEXT", s->text, "e.g. 'Mon-Fri 07:00-08:30 on; default off'")->required();
+    add->add_flag("--disabled", s->disabled, "add it disabled");
+    add->add_option("--override", s->override_state, "a permanent override");
+    json(add);
+    add->callback([chosen] { chosen(cli_scheduleAdd); });
+    CLI::App* show =
+        command->add_subcommand("show", "print schedules as text, state and week grid");
+    typeAndId(show, false);
+    show->add_option("--colour", s->colour, "auto, always or never")->capture_default_str();
+    json(show);
+    show->callback([chosen] { chosen(cli_scheduleShow); });
+    CLI::App* next = command->add_subcommand("next", "list a schedule's next changes");
+    typeAndId(next, true);
+    next->add_option("--count", s->count, "how many")->capture_default_str();
+    json(next);
+    next->callback([chosen] { chosen(cli_scheduleNext); });
+    CLI::App* svg = command->add_subcommand("svg", "write the week picture of a schedule as SVG");
+    typeAndId(svg, true);
+    svg->add_option("-o,--output", s->output, "the file (default: standard output)");
+    svg->callback([chosen] { chosen(cli_scheduleSvg); });
+}

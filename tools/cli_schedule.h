@@ -2,8 +2,11 @@
 // pictures, for people at a terminal.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 struct schedule_args_t {
     std::string type;
@@ -29,3 +32,9 @@ int cli_scheduleAdd(const std::string& bus, const schedule_args_t& args);
 int cli_scheduleShow(const std::string& bus, const schedule_args_t& args);
 int cli_scheduleNext(const std::string& bus, const schedule_args_t& args);
 int cli_scheduleSvg(const std::string& bus, const schedule_args_t& args);
+
+using cli_schedule_run_t = int (*)(const std::string& bus, const schedule_args_t& args);
+// Adds add, show, next and svg below command; chosen() learns which one the
+// command line named.
+void cli_addScheduleCommands(CLI::App* command, schedule_args_t* args,
+                             std::function<void(cli_schedule_run_t)> chosen);

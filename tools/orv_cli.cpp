@@ -46,6 +46,7 @@ struct args_t {
     std::string json = "{}";
     std::vector<std::string> functions;
     schedule_args_t schedule;
+    cli_schedule_run_t scheduleRun = nullptr;
     int (*run)(const args_t&) = nullptr;
 };
 
@@ -515,41 +516,10 @@ void addPath(CLI::App* command, args_t* args) {
 
 // schedule add|show|next|svg: the text form and the pictures.
 void addScheduleCommands(CLI::App* command, args_t* args) {
-    command->require_subcommand(1);
-    schedule_args_t* s = &args->schedule;
-    auto typeAndId = [s](CLI::App* sub, bool idRequired) {
-        sub->add_option("TYPE", s->type, "the schedule type, e.g. Light")->required();
-        sub->add_option("ID", s->id, "the schedule's ID")->required(idRequired);
-        sub->add_option("--now", s->now, "the present moment, ISO 8601 (default: the clock)");
-    };
-    CLI::App* add = command->add_subcommand("add", "add or replace a schedule from its text form");
-    typeAndId(add, true);
-    add->add_option("TEXT", s->text, "e.g. 'Mon-Fri 07:00-08:30 on; default off'")->required();
-    add->add_flag("--disabled", s->disabled, "add it disabled");
-    add->add_option("--override", s->override_state, "a permanent override");
-    add->add_flag("--json", s->json, "answer in JSON");
-    add->callback(
-        [args] { args->run = [](const args_t& a) { return cli_scheduleAdd(a.bus, a.schedule); }; });
-    CLI::App* show =
-        command->add_subcommand("show", "print schedules as text, state and week grid");
-    typeAndId(show, false);
-    show->add_flag("--json", s->json, "print JSON");
-    show->add_option("--colour", s->colour, "auto, always or never")->capture_default_str();
-    show->callback([args] {
-        args->run = [](const args_t& a) { return cli_scheduleShow(a.bus, a.schedule); };
+    cli_addScheduleCommands(command, &args->schedule, [args](cli_schedule_run_t run) {
+        args->scheduleRun = run;
+        args->run = [](const args_t& a) { return a.scheduleRun(a.bus, a.schedule); };
     });
-    CLI::App* next = command->add_subcommand("next", "list a schedule's next changes");
-    typeAndId(next, true);
-    next->add_option("--count", s->count, "how many")->capture_default_str();
-    next->add_flag("--json", s->json, "print JSON");
-    next->callback([args] {
-        args->run = [](const args_t& a) { return cli_scheduleNext(a.bus, a.schedule); };
-    });
-    CLI::App* svg = command->add_subcommand("svg", "write the week picture of a schedule as SVG");
-    typeAndId(svg, true);
-    svg->add_option("-o,--output", s->output, "the file (default: standard output)");
-    svg->callback(
-        [args] { args->run = [](const args_t& a) { return cli_scheduleSvg(a.bus, a.schedule); }; });
 }
 
 const std::array<command_t, 6> kCommands{{
