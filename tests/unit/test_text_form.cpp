@@ -80,7 +80,8 @@ TEST(TextForm, ErrorsSayWhereAndWhat) {
     const std::vector<std::string> states = {"on", "off"};
     const std::vector<std::pair<std::string, std::string>> rows = {
         {"Mon-Fri x", "col 9: expected a time such as 07:30"},
-        {"Mon-Fri 07:00-08:3x on", "col 15: that is not a time of day, expected a time such as 07:30"},
+        {"Mon-Fri 07:00-08:3x on",
+         "col 15: that is not a time of day, expected a time such as 07:30"},
         {"Mon 25:00-26:00 on", "col 5: that is not a time of day, expected a time such as 07:30"},
         {"Mon 07:00-08:00", "col 16: expected a state"},
         {"Mon 07:00 on; Frx 08:00 on", "col 15: expected a day such as Mon"},
@@ -90,6 +91,13 @@ TEST(TextForm, ErrorsSayWhereAndWhat) {
          "col 1: expected a base such as \"daily:\" before a schedule without spans"},
         {"on at seven", "col 1: expected a day, a date or a time such as 07:30"},
         {"Feb 30 12:00 on", "col 1: expected a day of Feb from 1 to 29"},
+        {"yearly: Mon 24 10:00 on", "col 9: expected a date such as Dec 24"},
+        {"Dec 24 on", "col 8: expected a time such as 07:30"},
+        {"day 32 00:00 on", "col 1: expected a day of the month from day 1 to day 31"},
+        {"monthly: 1 00:00 on", "col 10: expected a day of the month such as day 1"},
+        {"hourly: :00-:61 on", "col 13: expected a minute such as :15 (:60 only ends a span)"},
+        {"2026-13-01 10:00 on", "col 1: expected a date such as 2026-12-24"},
+        {"2026-12-24 10:00+15:00 on", "col 17: expected a UTC offset such as +01:00"},
         {"day 2 00:00 - day 1 00:00 on", "col 15: the span ends before it begins"},
         {"Mon 07:00-09:00 on, 08:00-10:00 off",
          "col 21: Mon 07:00-09:00 on and Mon 08:00-10:00 off overlap"},
