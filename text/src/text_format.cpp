@@ -139,6 +139,10 @@ std::string weekItem(const entry_t& entry) {
         to = clockText(entry.end - day * kDay);
     } else if (entry.end - (day + 1) * kDay < from) {
         to = clockText(entry.end - (day + 1) * kDay);
+    } else if (entry.end == 7 * kDay) {
+        // "Mon 00:00" would read as the week's start, and from a Monday as
+        // a span that ends before it begins.
+        to = "Sun 24:00";
     } else {
         to = std::string(kDayNames[entry.end / kDay % 7]) + " " + clockText(entry.end % kDay);
     }

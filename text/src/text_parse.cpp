@@ -18,6 +18,7 @@ struct reader_t {
     base_t base = base_t::daily;
     std::vector<placed_t> entries;
     std::string defaultState;
+    std::size_t defaultColumn = 0;
 };
 
 std::optional<base_t> statedBase(cursor_t& in) {
@@ -32,6 +33,28 @@ std::optional<base_t> statedBase(cursor_t& in) {
         }
     }
     return std::nullopt;
+}
+
+// What a first word that is no day, month or "day" was probably meant to
+// be, from what follows it: a base before ":", a day before a time or in a
+// day list, a month before a day number.
+void misspelledFirstWord(cursor_t& in, std::string_view word) {
+    const std::string_view after = in.rest().substr(word.size());
+    const std::size_t next = after.find_first_not_of(" \t");
+    if (next == std::string_view::npos) {
+        return;
+    }
+    if (after[0] == ':') {
+        in.expected("a base such as \"daily:\"");
+    }
+    const std::size_t digits = after.find_first_not_of("0123456789", next);
+    if (after[next] == '-' || after[next] == ',' ||
+        (digits != next && digits != std::string_view::npos && after[digits] == ':')) {
+        in.expected("a day such as Mon");
+    }
+    if (digits != next) {
+        in.expected("a date such as Dec 24");
+    }
 }
 
 // The base from the form of the first group.
@@ -49,6 +72,9 @@ base_t inferredBase(cursor_t& in) {
     }
     if (next == ':') {
         return base_t::hourly;
+    }
+    if (!word.empty() && word != "default") {
+        misspelledFirstWord(in, word);
     }
     if (!std::isdigit(static_cast<unsigned char>(next))) {
         in.expected(word == "default" || next == '\0'
@@ -75,8 +101,9 @@ std::uint32_t point(reader_t& r, bool isEnd) {
 std::string state(reader_t& r, std::size_t* column) {
     *column = r.in.column();
     std::string_view word = r.in.stateWord();
-    if (word.empty()) {
-        r.in.expected("a state");
+    // A leading "-" would make an event ("07:00 -x") read as a span.
+    if (word.empty() || word.front() == '-') {
+        r.in.fail(*column, "expected a state");
     }
     return std::string(word);
 }
@@ -175,15 +202,17 @@ std::vector<std::uint32_t> dayList(reader_t& r) {
 }
 
 void group(reader_t& r) {
+    const std::size_t at = r.in.column();
     if (r.in.word() == "default") {
-        const std::size_t at = r.in.column();
         r.in.skip(7);
-        std::size_t column = 0;
         if (!r.defaultState.empty()) {
             r.in.fail(at, "the default is named twice");
         }
-        r.defaultState = state(r, &column);
+        r.defaultState = state(r, &r.defaultColumn);
         return;
+    }
+    if (!r.defaultState.empty()) {
+        r.in.fail(at, "the default comes last");
     }
     if (r.base == base_t::weekly) {
         const std::vector<std::uint32_t> days = dayList(r);
@@ -197,18 +226,37 @@ void group(reader_t& r) {
     } while (r.in.take(','));
 }
 
+// The first state of the text that the type does not know, wherever its
+// entry falls in the period, then the default.
+void checkStates(const reader_t& r, const std::vector<std::string>& states) {
+    auto unknown = [&states](const std::string& state) {
+        return std::find(states.begin(), states.end(), state) == states.end();
+    };
+    const std::string* state = nullptr;
+    std::size_t column = 0;
+    for (const placed_t& placed : r.entries) {
+        if (unknown(placed.entry.state) && (state == nullptr || placed.stateColumn < column)) {
+            state = &placed.entry.state;
+            column = placed.stateColumn;
+        }
+    }
+    if (state == nullptr && !r.defaultState.empty() && unknown(r.defaultState)) {
+        state = &r.defaultState;
+        column = r.defaultColumn;
+    }
+    if (state != nullptr) {
+        std::string known;
+        for (const std::string& allowed : states) {
+            known += (known.empty() ? "" : ", ") + allowed;
+        }
+        r.in.fail(column, "the state \"" + *state + "\" is not one of " + known);
+    }
+}
+
 // The engine's rules, reported at the entry that breaks them.
 void check(const reader_t& r, const std::vector<std::string>* states) {
-    for (const placed_t& placed : r.entries) {
-        if (states != nullptr &&
-            std::find(states->begin(), states->end(), placed.entry.state) == states->end()) {
-            std::string known;
-            for (const std::string& allowed : *states) {
-                known += (known.empty() ? "" : ", ") + allowed;
-            }
-            r.in.fail(placed.stateColumn,
-                      "the state \"" + placed.entry.state + "\" is not one of " + known);
-        }
+    if (states != nullptr) {
+        checkStates(r, *states);
     }
     for (std::size_t i = 1; i < r.entries.size(); ++i) {
         const placed_t& earlier = r.entries[i - 1];

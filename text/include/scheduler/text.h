@@ -10,10 +10,12 @@
 //   weekly: Mon-Fri 07:00 ring
 //
 // Groups are separated by ";", spans and events within a group by ",". A
-// span is "FROM-TO STATE", an event "AT STATE". The base may be stated
-// ("weekly:") or is inferred from the first group. "default STATE" names the
-// state between the spans. Times take optional seconds ("07:00:30"); "24:00"
-// (":60" in an hour) may end a span.
+// span is "FROM-TO STATE", an event "AT STATE"; one schedule holds spans or
+// events, not both. The base may be stated ("weekly:") or is inferred from
+// the first group. "default STATE", when given, is the last group and names
+// the state between the spans. Times take optional seconds ("07:00:30");
+// "24:00" (":60" in an hour) may end a span. States are words of letters,
+// digits and "_.:-" that do not begin with "-" (which would read as a span).
 //
 // Times are what the engine counts: seconds from the start of the period
 // (Monday 00:00 for a week, day 1 00:00 for a month, January 1 00:00 for a
@@ -23,7 +25,9 @@
 // a February 29, so that every date can be written; in other years the
 // engine's seconds put dates from March on a day later. "once" times are
 // local times of the process's zone; in the hour that repeats when the
-// clocks go back, a time carries its UTC offset ("02:30+01:00").
+// clocks go back, a time carries its UTC offset ("02:30+01:00"), and any
+// "once" time may carry one ("+01:00", "-03:30", "Z"). A time that the
+// clocks skip reads as mktime makes it: an hour later when they skip one.
 #pragma once
 
 #include <cstddef>
@@ -47,9 +51,9 @@ struct text_schedule_t {
 };
 
 struct text_error_t {
-    // 1-based; 0 when the problem is the text as a whole.
+    // 1-based; one past the last character when the text ends too soon.
     std::size_t column = 0;
-    // "col 9: expected a time such as 07:30", or a sentence about the whole.
+    // Always starts "col N: ", e.g. "col 9: expected a time such as 07:30".
     std::string message;
 };
 
@@ -59,7 +63,8 @@ SCHEDULER_CLIENT_API std::variant<text_schedule_t, text_error_t> parse_text(
     std::string_view text, const std::vector<std::string>* states = nullptr);
 
 // The canonical text: the base stated, days with the same spans merged into
-// ranges, everything in one order. parse_text gives the schedule back.
+// ranges, everything in one order. For a valid schedule with its entries
+// sorted by begin, then end, parse_text gives the schedule back.
 SCHEDULER_CLIENT_API std::string format_text(const text_schedule_t& schedule);
 
 }  // namespace scheduler
