@@ -8,10 +8,12 @@
 #include <optional>
 #include <string>
 
+#include "operations.h"
 #include "orv/function.h"
 #include "orv/request.h"
 #include "orv/trace.h"
 #include "orv/variant.h"
+#include "orv/variant_list.h"
 #include "scheduler_plugin.h"
 #include "scheduler_plugin_common.h"
 
@@ -39,7 +41,7 @@ namespace {
 // request's attributes for the readers, the arguments, and where the trace
 // lines of the readers are attributed.
 struct call_context_t {
-    object_t* object;
+    service_t* service;
     std::uint32_t attributes;
     argument_value_list_t* args;
     const char* function;
@@ -48,9 +50,9 @@ struct call_context_t {
 
 call_context_t beginCall(function_call_t* call, argument_value_list_t* args, const char* function,
                          int line) {
-    tolvTrace_zoneMessage(400, ME, function, __FILE__, line, "Number of arguments %d",
+    tolvTrace_zoneMessage(TRACE_LEVEL_INFO, ME, function, __FILE__, line, "Number of arguments %d",
                           static_cast<int>(llist_size(args)));
-    return {fcall_object(call), request_attributes(fcall_request(call)), args, function, line};
+    return {scheduler_service(), request_attributes(fcall_request(call)), args, function, line};
 }
 
 // Thrown by the readers when an argument is there but does not convert to
@@ -64,11 +66,11 @@ struct argument_refused_t {};
 void traceMissing(const call_context_t& call, const char* name, const char* label,
                   const char* fallback) {
     if (argument_valueByName(call.args, name) != nullptr) {
-        tolvTrace_message(100, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
-                          "Named parameter %s has the wrong type", label);
+        tolvTrace_message(TRACE_LEVEL_WARNING, TOLV_TRACE_MODULE, call.function, __FILE__,
+                          call.line, "Named parameter %s has the wrong type", label);
         throw argument_refused_t{};
     }
-    tolvTrace_message(200, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
+    tolvTrace_message(TRACE_LEVEL_NOTICE, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
                       "Named parameter %s not found, using default value %s", label, fallback);
 }
 
@@ -115,7 +117,7 @@ time_t readTime(const call_context_t& call, const char* name) {
 // The simulations answer with their lines; without a list, with none.
 void returnLines(variant_t* retval, std::optional<variant_list_t> lines) {
     variant_list_t list = lines ? std::move(*lines) : variant_list_t{};
-    tolvTrace(200, "returning %d elements", static_cast<int>(list.size()));
+    tolvTrace(TRACE_LEVEL_NOTICE, "returning %d elements", static_cast<int>(list.size()));
     variant_setListMove(retval, &list);
 }
 
@@ -127,7 +129,7 @@ std::unique_ptr<schedule_t> readSchedule(const call_context_t& call) {
     }
     variant_t* value = argument_value(info);
     if (value == nullptr || variant_type(value) == variant_type_unknown) {
-        tolvTrace_message(200, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
+        tolvTrace_message(TRACE_LEVEL_NOTICE, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
                           "Named parameter info variant NULL, using default value NULL");
         return nullptr;
     }
@@ -227,8 +229,11 @@ int serve(const char* function, int line, function_call_t* fcall, argument_value
     try {
         tolvTrace_marker(true, ME, function, __FILE__, line);
         call_context_t call = beginCall(fcall, args, function, line);
-        if (const char* reason = argumentsOverLimit(args)) {
-            tolvTrace(100, "%s refused: %s", function, reason);
+        if (call.service == nullptr) {
+            tolvTrace(TRACE_LEVEL_WARNING, "%s refused: the plug-in is not running", function);
+            refuse(fcall, retval);
+        } else if (const char* reason = argumentsOverLimit(args)) {
+            tolvTrace(TRACE_LEVEL_WARNING, "%s refused: %s", function, reason);
             refuse(fcall, retval);
         } else {
             body(call);
@@ -236,9 +241,9 @@ int serve(const char* function, int line, function_call_t* fcall, argument_value
     } catch (const argument_refused_t&) {
         refuse(fcall, retval);
     } catch (const std::exception& e) {
-        tolvTrace(100, "%s failed: %s", function, e.what());
+        tolvTrace(TRACE_LEVEL_WARNING, "%s failed: %s", function, e.what());
     } catch (...) {
-        tolvTrace(100, "%s failed", function);
+        tolvTrace(TRACE_LEVEL_WARNING, "%s failed", function);
     }
     return 0;
 }
@@ -249,7 +254,7 @@ void comGetSchedules(const call_context_t& call, variant_t* retval, bool complet
     // A "scheduleInfo" the caller sent would shadow the answer.
     argument_valueDestroy(args, argument_valueByName(args, "scheduleInfo"));
     variant_list_t list;
-    bool result = getSchedules(call.object, type, &list, complete);
+    bool result = getSchedules(*call.service, type, &list, complete);
     prependOut(args, "scheduleInfo", listVariant(&list));
     variant_setBool(retval, result);
 }
@@ -264,7 +269,7 @@ int __registerScheduleType(function_call_t* fcall, argument_value_list_t* args,
         std::optional<variant_list_t> states = readList(call, "states");
         std::optional<variant_list_t> schedules = readList(call, "schedules");
         variant_setBool(
-            retval, registerScheduleType(call.object, type, path, std::move(states), schedules));
+            retval, registerScheduleType(*call.service, type, path, std::move(states), schedules));
     });
 }
 
@@ -272,7 +277,7 @@ int __unregisterScheduleType(function_call_t* fcall, argument_value_list_t* args
                              variant_t* retval) noexcept {
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
-        variant_setBool(retval, unregisterScheduleType(call.object, type));
+        variant_setBool(retval, unregisterScheduleType(*call.service, type));
     });
 }
 
@@ -280,7 +285,7 @@ int __addSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::unique_ptr<schedule_t> schedule = readSchedule(call);
-        variant_setBool(retval, addSchedule(call.object, type, schedule.get()));
+        variant_setBool(retval, addSchedule(*call.service, type, schedule.get()));
     });
 }
 
@@ -290,7 +295,7 @@ int __removeSchedules(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         // Without "ID" every schedule of the type goes.
         std::optional<variant_list_t> ids = readList(call, "ID");
-        variant_setBool(retval, removeSchedules(call.object, type, ids));
+        variant_setBool(retval, removeSchedules(*call.service, type, ids));
     });
 }
 
@@ -298,9 +303,11 @@ int __getScheduleTypes(function_call_t* fcall, argument_value_list_t* args,
                        variant_t* retval) noexcept {
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         variant_list_t list;
-        bool result = getScheduleTypes(call.object, &list);
+        for (const std::string& name : getScheduleTypes(*call.service)) {
+            variant_list_addString(&list, name);
+        }
         prependOut(args, "types", listVariant(&list));
-        variant_setBool(retval, result);
+        variant_setBool(retval, true);
     });
 }
 
@@ -320,13 +327,12 @@ int __getSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
-        std::unique_ptr<schedule_t> record;
-        bool result = getSchedule(call.object, type, id, &record);
+        std::optional<schedule_t> record = getSchedule(*call.service, type, id);
         if (record) {
-            std::optional<variant_t> map = schedule_t2variant(record.get());
+            std::optional<variant_t> map = schedule_t2variant(&*record);
             prependOut(args, "scheduleInfo", map ? std::move(*map) : variant_t());
         }
-        variant_setBool(retval, result);
+        variant_setBool(retval, record.has_value());
     });
 }
 
@@ -336,7 +342,7 @@ int __enableSchedule(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         bool enable = readBool(call, "enable");
-        variant_setBool(retval, enableSchedule(call.object, type, id, enable));
+        variant_setBool(retval, enableSchedule(*call.service, type, id, enable));
     });
 }
 
@@ -346,7 +352,7 @@ int __overrideSchedule(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::optional<std::string> state = readText(call, "override");
-        variant_setBool(retval, overrideSchedule(call.object, type, id, state));
+        variant_setBool(retval, overrideSchedule(*call.service, type, id, state));
     });
 }
 
@@ -356,7 +362,7 @@ int __overrideState(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::optional<std::string> state = readText(call, "State", "state");
-        variant_setBool(retval, overrideState(call.object, type, id, state));
+        variant_setBool(retval, overrideState(*call.service, type, id, state));
     });
 }
 
@@ -371,7 +377,8 @@ bool spanTooLong(const call_context_t& call, time_t start, time_t stop) {
         kMaxSimulatedSeconds) {
         return false;
     }
-    tolvTrace(100, "%s refused: a simulation covers at most five years", call.function);
+    tolvTrace(TRACE_LEVEL_WARNING, "%s refused: a simulation covers at most five years",
+              call.function);
     return true;
 }
 
@@ -388,7 +395,7 @@ int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
             returnLines(retval, std::nullopt);
             return;
         }
-        returnLines(retval, simulateSchedule(call.object, type, id, start, stop));
+        returnLines(retval, simulateSchedule(*call.service, type, id, start, stop));
     });
 }
 
@@ -401,6 +408,6 @@ int __simulateSchedules(function_call_t* fcall, argument_value_list_t* args,
             returnLines(retval, std::nullopt);
             return;
         }
-        returnLines(retval, simulateSchedules(call.object, start, stop));
+        returnLines(retval, simulateSchedules(*call.service, start, stop));
     });
 }

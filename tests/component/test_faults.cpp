@@ -62,16 +62,15 @@ struct jump_row_t {
 // The offsets count from the day's start read with the daylight-saving flag
 // of the moment they are computed, so across a switch a change can come an
 // hour off, and a computed change may repeat the state already sent. A clock
-// set brings every schedule to its state at once, but NextStateChange is only
-// written again when the next change is applied, so after a jump it still
-// shows the change planned before it.
+// set brings every schedule to its state at once and NextStateChange shows
+// the change planned anew.
 const std::vector<jump_row_t> kJumps = {
     {"UTC", "2023-11-14T01:00:00Z", 3600, "2023-11-14T02:10:00Z", "14T01:00 off,14T02:00 on",
-     "2023-11-14T01:30:00Z"},
+     "2023-11-14T02:30:00Z"},
     {"UTC", "2023-11-14T01:00:00Z", 3600, "2023-11-14T02:30:00Z",
      "14T01:00 off,14T02:00 on,14T02:30 eco", "2023-11-14T03:30:00Z"},
     {"UTC", "2023-11-14T02:45:00Z", -3600, "2023-11-14T01:55:00Z", "14T02:45 eco,14T01:45 on",
-     "2023-11-14T03:30:00Z"},
+     "2023-11-14T02:30:00Z"},
     {"UTC", "2023-11-14T02:45:00Z", -3600, "2023-11-14T02:30:00Z",
      "14T02:45 eco,14T01:45 on,14T02:30 eco", "2023-11-14T03:30:00Z"},
     // 01:45 standard time. eco starts at 01:30 UTC, counted from the
@@ -81,7 +80,7 @@ const std::vector<jump_row_t> kJumps = {
     {"Europe/Berlin", "2023-03-26T00:45:00Z", 0, "2023-03-26T02:00:00Z", "26T00:45 on,26T01:30 eco",
      "2023-03-26T23:30:00Z"},
     {"Europe/Berlin", "2023-03-26T00:45:00Z", 3600, "2023-03-26T02:00:00Z",
-     "26T00:45 on,26T01:45 off", "2023-03-26T01:30:00Z"},
+     "26T00:45 on,26T01:45 off", "2023-03-26T23:30:00Z"},
     // 02:15 summer time; the change planned for 02:30 standard time repeats
     // off and is not sent.
     {"Europe/Berlin", "2023-10-29T00:15:00Z", 0, "2023-10-29T02:45:00Z",

@@ -117,7 +117,7 @@ TEST(Lifecycle, TraceLinesHaveTheGatewayFormat) {
     const std::regex zoneLine(
         R"(^schedul - \[i\]Initializing scheduler_plugin plugin - \(initialize@scheduler_plugin\.cpp:\d+\)$)");
     const std::regex plainLine(
-        R"(^schedul - \[i\]Time object is there - \(timeFound@scheduler_plugin\.cpp:\d+\)$)");
+        R"(^schedul - \[i\]Time object is there - \(timeFound@time_watch\.cpp:\d+\)$)");
     const std::regex cleanupLine(
         R"(^schedul - \[i\]Cleaning up scheduler_plugin plugin - \(cleanup@scheduler_plugin\.cpp:\d+\)$)");
     int matched = 0;

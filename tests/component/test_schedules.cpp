@@ -194,11 +194,12 @@ TEST(Schedules, SameIdReplacesTheSchedule) {
                                         "2023-11-14T22:30:00Z eco", "2023-11-14T23:00:00Z on",
                                         "2023-11-14T23:30:00Z eco"}));
 
-    // A refused replacement still removes the schedule it was to replace.
+    // A refused replacement leaves the schedule it was to replace running:
+    // one typo in an edit must not lose it.
     EXPECT_EQ(addSchedule(host, scheduleJson("s1", "Hourly", {{0, 1800, "dim"}})), false);
-    EXPECT_EQ(host.object(kS1), nullptr);
+    EXPECT_EQ(text(host, "Base"), "Hourly");
     host.advance(7200);
-    EXPECT_EQ(host.setStateCalls().size(), 5u);
+    EXPECT_EQ(host.setStateCalls().size(), 9u);
 }
 
 // A schedule and the trace that names the reason it is refused.

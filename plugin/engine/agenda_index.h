@@ -11,18 +11,17 @@
 
 #include "orv/flat_table.h"
 
-class object_t;
-
-// Position is the agenda's handle of an entry (an iterator); positions are
-// compared for equality only, and ordered by the caller's less.
-template <typename Position>
-class peekindex_t {
+// Owner is a pointer that names a schedule. Position is the agenda's handle
+// of an entry (an iterator); positions are compared for equality only, and
+// ordered by the caller's less.
+template <typename Owner, typename Position>
+class agenda_index_t {
   public:
     // A schedule may have several positions; each pair is filed once.
-    void insert(const object_t* object, Position position) { table_.insert({object, position}); }
+    void insert(Owner object, Position position) { table_.insert({object, position}); }
 
     // False when the pair is not filed.
-    bool erase(const object_t* object, const Position& position) {
+    bool erase(Owner object, const Position& position) {
         const std::size_t at = table_.scan(hashOf(object), [&](std::size_t, const slot_t& slot) {
             return slot.object == object && slot.position == position;
         });
@@ -35,7 +34,7 @@ class peekindex_t {
 
     // The object's first position by less, if it has one.
     template <typename Less>
-    std::optional<Position> first(const object_t* object, Less less) const {
+    std::optional<Position> first(Owner object, Less less) const {
         std::optional<Position> earliest;
         table_.scan(hashOf(object), [&](std::size_t, const slot_t& slot) {
             if (slot.object == object && (!earliest || less(slot.position, *earliest))) {
@@ -52,10 +51,10 @@ class peekindex_t {
 
   private:
     struct slot_t {
-        const object_t* object = nullptr;
+        Owner object = nullptr;
         Position position{};
     };
-    static std::uint64_t hashOf(const object_t* object) {
+    static std::uint64_t hashOf(Owner object) {
         return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(object));
     }
     struct traits_t {

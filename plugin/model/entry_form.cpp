@@ -1,4 +1,6 @@
-#include "scheduler_entrylist.h"
+#include "entry_form.h"
+
+#include "schedule_rules.h"
 
 #include <string_view>
 #include <utility>
@@ -79,48 +81,71 @@ variant_t rebuild(const schedule_entry_t& entry, const entrylist_form_t& form) {
     return variant_t(std::move(map));
 }
 
-bool reproduces(const entrylist_t& packed, const variant_list_t& list) {
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        if (!(rebuild(packed.entries[i], *packed.form) == list[i])) {
+bool reproduces(std::span<const schedule_entry_t> entries, const entrylist_form_t& form,
+                const variant_list_t& maps, std::span<const std::size_t> order) {
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (!(rebuild(entries[i], form) == maps[order[i]])) {
             return false;
         }
     }
     return true;
 }
 
-}  // namespace
-
-std::optional<entrylist_t> entrylist_pack(std::shared_ptr<const variant_list_t> list) {
-    entrylist_t packed;
-    if (!list || list->empty()) {
-        packed.form = entrylist_form_t{};
-        return packed;
-    }
-    packed.entries.reserve(list->size());
-    for (const variant_t& element : *list) {
+// Every element as a record, in input order; nullopt at the first that is
+// not an entry map.
+std::optional<std::vector<schedule_entry_t>> records(const variant_list_t& maps) {
+    std::vector<schedule_entry_t> all;
+    all.reserve(maps.size());
+    for (const variant_t& element : maps) {
         std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
         if (!entry) {
             return std::nullopt;
         }
-        packed.entries.push_back(std::move(*entry));
+        all.push_back(std::move(*entry));
     }
-    packed.entries.shrink_to_fit();
-    packed.form = formOf(list->front());
-    if (!packed.form || !reproduces(packed, *list)) {
-        packed.form.reset();
-        packed.given = std::move(list);
-    }
-    return packed;
+    return all;
 }
 
-std::shared_ptr<const variant_list_t> entrylist_variants(const entrylist_t& list) {
-    if (!list.form) {
-        return list.given;
+}  // namespace
+
+std::optional<parsed_entries_t> entries_parse(const variant_list_t& maps,
+                                              std::string_view defaultState) {
+    std::optional<std::vector<schedule_entry_t>> all = records(maps);
+    if (!all) {
+        return std::nullopt;
+    }
+    const std::vector<std::size_t> order = schedule_order(*all, defaultState);
+    parsed_entries_t parsed;
+    parsed.entries.reserve(order.size());
+    for (std::size_t at : order) {
+        parsed.entries.push_back(std::move((*all)[at]));
+    }
+    if (order.empty()) {
+        parsed.form.form = entrylist_form_t{};
+        return parsed;
+    }
+    parsed.form.form = formOf(maps[order.front()]);
+    if (!parsed.form.form || !reproduces(parsed.entries, *parsed.form.form, maps, order)) {
+        parsed.form.form.reset();
+        auto given = std::make_shared<variant_list_t>();
+        given->reserve(order.size());
+        for (std::size_t at : order) {
+            given->push_back(maps[at]);
+        }
+        parsed.form.given = std::move(given);
+    }
+    return parsed;
+}
+
+std::shared_ptr<const variant_list_t> entries_maps(std::span<const schedule_entry_t> entries,
+                                                   const entry_form_t& form) {
+    if (!form.form) {
+        return form.given;
     }
     auto maps = std::make_shared<variant_list_t>();
-    maps->reserve(list.entries.size());
-    for (const schedule_entry_t& entry : list.entries) {
-        maps->push_back(rebuild(entry, *list.form));
+    maps->reserve(entries.size());
+    for (const schedule_entry_t& entry : entries) {
+        maps->push_back(rebuild(entry, *form.form));
     }
     return maps;
 }

@@ -1,12 +1,8 @@
-#include "scheduler_time.h"
+#include "time_base.h"
 
 #include <array>
 #include <cstdlib>
 #include <string>
-
-#include "orv/loop.h"
-#include "orv/trace.h"
-#include "scheduler_plugin_common.h"
 
 namespace {
 
@@ -51,7 +47,6 @@ void truncateToPeriod(int base, struct tm* tm) {
 // the local midnight of t's day, with the weekday of that midnight instant.
 time_t weekStart(time_t midnight, const struct tm& normalised) {
     if (normalised.tm_wday == 0) {
-        tolvTraceZ(400, ME, "sunday");
         return midnight - 6 * kDay;
     }
     return midnight - (normalised.tm_wday - 1) * kDay;
@@ -72,10 +67,6 @@ time_t nextPeriodStart(int base, time_t t) {
 }
 
 }  // namespace
-
-time_t time_getCurrentLocalTime() {
-    return static_cast<time_t>(orv_time_now());
-}
 
 void time_reloadZone() {
     const char* pinned = std::getenv("TZ");

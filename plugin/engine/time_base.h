@@ -19,8 +19,6 @@ enum time_base_t : int {
     time_base_yearly = 6,
 };
 
-// The current time of the host's clock.
-time_t time_getCurrentLocalTime();
 // Makes the C library read the local time zone again. A host may pin TZ so
 // that mktime and localtime do not look at the zone file on every call; a
 // pinned zone is only read again when TZ changes, so it is changed and set

@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
+#include <string_view>
 #include <vector>
 
 #include "orv/variant.h"
@@ -26,15 +28,24 @@ struct entrylist_form_t {
     variant_type_t endType = variant_type_unknown;
 };
 
-struct entrylist_t {
-    std::vector<schedule_entry_t> entries;
+// How to give a schedule's entries back.
+struct entry_form_t {
     // Set when the maps can be rebuilt from the records.
     std::optional<entrylist_form_t> form;
-    // The maps as given, kept only when they follow no single form.
+    // The maps as given (ordered), kept only when they follow no single form.
     std::shared_ptr<const variant_list_t> given;
 };
 
-// Packs an ordered, verified list; nullopt when an element is not an entry.
-std::optional<entrylist_t> entrylist_pack(std::shared_ptr<const variant_list_t> list);
-// The entry maps as they were given to entrylist_pack.
-std::shared_ptr<const variant_list_t> entrylist_variants(const entrylist_t& list);
+struct parsed_entries_t {
+    // Ordered by begin, without the entries that set the default state.
+    std::vector<schedule_entry_t> entries;
+    entry_form_t form;
+};
+
+// Parses and orders the entry maps of a schedule whose default state is
+// defaultState; nullopt when an element is not an entry map.
+std::optional<parsed_entries_t> entries_parse(const variant_list_t& maps,
+                                              std::string_view defaultState);
+// The entry maps as they were given to entries_parse, in order.
+std::shared_ptr<const variant_list_t> entries_maps(std::span<const schedule_entry_t> entries,
+                                                   const entry_form_t& form);

@@ -1,0 +1,176 @@
+#include "schedules.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "orv/string.h"
+#include "orv/trace.h"
+#include "orv/variant.h"
+
+namespace {
+
+std::optional<std::string> textParameter(const object_t* object, std::string_view name) {
+    return variant_char(object_parameterValue(object, name));
+}
+
+object_t* schedulesTemplate(const object_t* typeInstance) {
+    bool match = false;
+    object_t* schedules =
+        object_getObject(const_cast<object_t*>(typeInstance), "Schedules", 0, &match);
+    return match ? schedules : nullptr;
+}
+
+schedule_parse_t refused(std::string reason) {
+    return {nullptr, std::move(reason)};
+}
+
+// The texts a schedule must carry; an empty override is allowed and means
+// that no override is set.
+bool hasRequiredTexts(const schedule_t& schedule) {
+    return schedule.ID && schedule.base && schedule.def && schedule.override;
+}
+
+// Parameters are only written when they differ, so that a publish that
+// changes nothing costs no allocation and announces nothing.
+void setIfChanged(object_t* instance, std::string_view name, const variant_t& value) {
+    const variant_t* present = object_parameterValue(instance, name);
+    if (present != nullptr && *present == value) {
+        return;
+    }
+    if (!object_parameterSetValue(instance, name, &value)) {
+        tolvTrace(TRACE_LEVEL_WARNING, "Could not set %s", std::string(name).c_str());
+    }
+}
+
+variant_t dateTime(time_t seconds) {
+    variant_t value;
+    variant_setDateTime(&value, seconds);
+    return value;
+}
+
+bool setParameters(object_t* instance, const schedule_record_t& record, std::string_view base) {
+    return object_parameterSetCharValue(instance, "ID", record.id) &&
+           object_parameterSetBoolValue(instance, "Enable", record.enabled) &&
+           object_parameterSetCharValue(instance, "Base", base) &&
+           object_parameterSetCharValue(instance, "Default", record.spec.defaultState) &&
+           object_parameterSetCharValue(instance, "Override", record.override);
+}
+
+}  // namespace
+
+schedule_parse_t schedules_parse(const schedule_t& schedule, const type_record_t& type) {
+    if (!hasRequiredTexts(schedule)) {
+        return refused("invalid parameter values");
+    }
+    const int base = time_baseToEnum(*schedule.base);
+    if (base == time_base_unknown) {
+        return refused("invalid parameter values");
+    }
+    if (!schedule_isState(type.stateNames, *schedule.def)) {
+        return refused("Invalid default value(" + *schedule.def + ")");
+    }
+    if (!schedule.override->empty() && !schedule_isState(type.stateNames, *schedule.override)) {
+        return refused("Invalid override value(" + *schedule.override + ")");
+    }
+    const variant_list_t none;
+    std::optional<parsed_entries_t> parsed =
+        entries_parse(schedule.schedule ? *schedule.schedule : none, *schedule.def);
+    if (!parsed) {
+        return refused("error getting schedule entry");
+    }
+    if (std::optional<std::string> problem =
+            schedule_verify(parsed->entries, base, type.stateNames)) {
+        return refused(std::move(*problem));
+    }
+    auto record = std::make_unique<schedule_record_t>();
+    record->id = *schedule.ID;
+    record->spec = {base, std::move(parsed->entries), *schedule.def};
+    record->form = std::move(parsed->form);
+    record->enabled = schedule.enable;
+    record->override = *schedule.override;
+    return {std::move(record), {}};
+}
+
+object_t* schedules_find(object_t* typeInstance, std::string_view id) {
+    object_t* schedules = schedulesTemplate(typeInstance);
+    // A schedule's instance is keyed by its ID, so the key finds it without
+    // walking every schedule of the type.
+    object_t* instance = schedules != nullptr ? schedules->instance(id) : nullptr;
+    return instance != nullptr && textParameter(instance, "ID") == id ? instance : nullptr;
+}
+
+schedule_record_t* schedules_record(const object_t* instance) {
+    return object_getUserData<schedule_record_t>(instance);
+}
+
+object_t* schedules_typeOf(const object_t* instance) {
+    object_t* schedules = object_parent(instance);
+    return schedules != nullptr ? object_parent(schedules) : nullptr;
+}
+
+std::vector<object_t*> schedules_of(const object_t* typeInstance) {
+    std::vector<object_t*> instances;
+    object_t* schedules = schedulesTemplate(typeInstance);
+    for (object_t* instance = schedules != nullptr ? object_firstInstance(schedules) : nullptr;
+         instance != nullptr; instance = object_nextInstance(instance)) {
+        instances.push_back(instance);
+    }
+    return instances;
+}
+
+object_t* schedules_create(object_t* typeInstance, std::unique_ptr<schedule_record_t> record,
+                           std::string_view base) {
+    object_t* schedules = schedulesTemplate(typeInstance);
+    if (schedules == nullptr) {
+        tolvTrace(TRACE_LEVEL_WARNING, "Cannot fetch template");
+        return nullptr;
+    }
+    object_t* instance = object_createInstance(schedules, -1, record->id);
+    if (instance == nullptr) {
+        tolvTrace(TRACE_LEVEL_WARNING, "Could not create instance");
+        return nullptr;
+    }
+    if (!setParameters(instance, *record, base)) {
+        tolvTrace(TRACE_LEVEL_WARNING, "Could not set the parameters of %s", record->id.c_str());
+        object_rollback(instance);
+        return nullptr;
+    }
+    object_setUserData(instance, std::move(record));
+    return instance;
+}
+
+void schedules_publish(object_t* instance, const schedule_record_t& record) {
+    setIfChanged(instance, "Enable", variant_t(record.enabled));
+    setIfChanged(instance, "Override", variant_t(record.override));
+    setIfChanged(instance, "TemporaryOverride", variant_t(record.status.temporary));
+    if (record.status.current) {
+        setIfChanged(instance, "CurrentState", variant_t(*record.status.current));
+    }
+    setIfChanged(instance, "NextStateChange", dateTime(record.next));
+    if (!object_commit(instance)) {
+        tolvTrace(TRACE_LEVEL_WARNING, "Could not commit object");
+    }
+}
+
+void schedules_delete(object_t* instance) {
+    object_delete(instance);
+    if (!object_commit(instance)) {
+        tolvTrace(TRACE_LEVEL_WARNING, "Could not commit object");
+    }
+}
+
+schedule_t schedules_read(const object_t* instance, bool complete) {
+    schedule_t out;
+    out.ID = textParameter(instance, "ID");
+    out.enable = variant_bool(object_parameterValue(instance, "Enable"));
+    out.base = textParameter(instance, "Base");
+    out.def = textParameter(instance, "Default");
+    out.override = textParameter(instance, "Override");
+    out.value = textParameter(instance, "CurrentState");
+    const schedule_record_t* record = schedules_record(instance);
+    if (complete && record != nullptr) {
+        out.schedule = entries_maps(record->spec.entries, record->form);
+    }
+    return out;
+}

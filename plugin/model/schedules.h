@@ -1,0 +1,41 @@
+// Schedules in the data model: the instances of
+// Scheduler.Types.<type>.Schedules, keyed by ID, each with a
+// schedule_record_t. This layer writes the parameters from the records and
+// reads the data model; it sends nothing and plans nothing.
+#pragma once
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "orv/object.h"
+#include "records.h"
+#include "scheduler_plugin_common.h"
+
+// A schedule record made from a schedule as sent, checked against its type:
+// the required texts, a known base, the default and override among the
+// type's states, and entries that keep the rules. The reason it is refused
+// otherwise.
+struct schedule_parse_t {
+    std::unique_ptr<schedule_record_t> record;
+    std::string reason;
+};
+schedule_parse_t schedules_parse(const schedule_t& schedule, const type_record_t& type);
+
+object_t* schedules_find(object_t* typeInstance, std::string_view id);
+schedule_record_t* schedules_record(const object_t* instance);
+// The type instance a schedule belongs to.
+object_t* schedules_typeOf(const object_t* instance);
+std::vector<object_t*> schedules_of(const object_t* typeInstance);
+// A new, still pending instance that owns record; null when the ID is taken
+// or the instance cannot be made, and nothing is left behind then.
+object_t* schedules_create(object_t* typeInstance, std::unique_ptr<schedule_record_t> record,
+                           std::string_view base);
+// Writes the parameters that follow the record (Enable, Override,
+// TemporaryOverride, CurrentState, NextStateChange) and commits: one
+// announcement carries every parameter that changed.
+void schedules_publish(object_t* instance, const schedule_record_t& record);
+// Deletes the instance, committed; it must not be touched afterwards.
+void schedules_delete(object_t* instance);
+// The schedule as read back; with complete, its entries as they were sent.
+schedule_t schedules_read(const object_t* instance, bool complete);

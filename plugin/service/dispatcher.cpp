@@ -1,0 +1,172 @@
+#include "dispatcher.h"
+
+#include <limits>
+
+#include "client_calls.h"
+#include "next_change.h"
+#include "orv/loop.h"
+#include "scheduler_plugin_common.h"
+#include "schedules.h"
+#include "types.h"
+
+namespace {
+
+// What CurrentState reads when the client could not be told the state.
+constexpr const char* kUnsynchronized = "Unsynchronized";
+
+// The live applier: the client is told, and the data model shows it.
+class live_applier_t final : public applier_t {
+  public:
+    explicit live_applier_t(const service_t& service) : service_(service) {}
+
+    const schedule_spec_t& spec(object_t* owner) override { return record(owner).spec; }
+    schedule_status_t& status(object_t* owner) override { return record(owner).status; }
+
+    void apply(object_t* owner, const change_t& change) override {
+        schedule_record_t& applied = record(owner);
+        // The schedule's own change ends a temporary state.
+        applied.status.temporary = false;
+        orv_plugin_setStateRPC(service_, owner, applied, change.state);
+    }
+
+    void planned(object_t* owner, const std::optional<change_t>& next) override {
+        schedule_record_t& changed = record(owner);
+        changed.next = next ? next->time : 0;
+        schedules_publish(owner, changed);
+    }
+
+  private:
+    static schedule_record_t& record(object_t* owner) { return *schedules_record(owner); }
+    const service_t& service_;
+};
+
+// The agenda counts whole seconds from the start of the second `now`, but
+// the timer counts from the moment it is armed: the part of that second
+// already gone is taken off, rounded up, so that the timer fires at the due
+// second itself and never before it. The longest time-out stays as it is.
+std::uint32_t alignToSecond(std::uint32_t timeout, time_t now) {
+    if (timeout == std::numeric_limits<std::uint32_t>::max()) {
+        return timeout;
+    }
+    const std::int64_t spentUs = orv_time_now_us() - static_cast<std::int64_t>(now) * 1000000;
+    if (spentUs <= 0) {
+        return timeout;
+    }
+    const std::int64_t remainingUs = static_cast<std::int64_t>(timeout) * 1000 - spentUs;
+    return remainingUs <= 0 ? 0 : static_cast<std::uint32_t>((remainingUs + 999) / 1000);
+}
+
+// Every planned change computed anew for now, and each schedule brought to
+// the state it holds at now; one search serves both. A schedule without a
+// further change leaves the agenda, and the others go on.
+void recompute(service_t& service, time_t now) {
+    std::vector<agenda_t<object_t*>::item_t> planned;
+    planned.reserve(service.agenda.size());
+    for (object_t* owner : service.agenda.owners()) {
+        schedule_record_t& record = *schedules_record(owner);
+        position_t position =
+            schedule_position(record.spec, now, schedule_heldState(record.status));
+        record.next = position.next ? position.next->time : 0;
+        if (position.next) {
+            planned.push_back({owner, std::move(*position.next)});
+        } else {
+            tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "%s has no further change", record.id.c_str());
+        }
+        if (record.status.current != position.state) {
+            orv_plugin_setStateRPC(service, owner, record, position.state);
+        }
+        schedules_publish(owner, record);
+    }
+    service.agenda.replace(std::move(planned));
+}
+
+void arm(service_t& service, time_t now) {
+    const std::int64_t ms = service.agenda.timeoutMs(now);
+    // Every due change has been taken, so the head lies ahead; an empty
+    // agenda waits the longest time.
+    std::uint32_t timeout =
+        ms < 0 ? std::numeric_limits<std::uint32_t>::max() : static_cast<std::uint32_t>(ms);
+    timeout = alignToSecond(timeout, now);
+    tolvTraceZ(TRACE_LEVEL_INFO, ME, "Starting peeklist timer with timeout %u", timeout);
+    orv_timer_stop(service.eventTimer.get());
+    if (!orv_timer_start(service.eventTimer.get(), timeout)) {
+        tolvTrace(TRACE_LEVEL_WARNING, "could not start event timer");
+    }
+}
+
+}  // namespace
+
+void dispatch_due(agenda_t<object_t*>& agenda, time_t now, applier_t& applier) {
+    while (std::optional<agenda_t<object_t*>::item_t> due = agenda.takeDue(now)) {
+        object_t* owner = due->owner;
+        schedule_status_t& status = applier.status(owner);
+        if (status.current != due->change.state) {
+            applier.apply(owner, due->change);
+        }
+        // Searched from now itself: a change one second later, such as the
+        // end of a one-second span, is still ahead.
+        std::optional<change_t> next =
+            schedule_nextChangeHeld(applier.spec(owner), now, schedule_heldState(status));
+        if (next) {
+            agenda.add(owner, *next);
+        } else {
+            tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "No next event found");
+        }
+        applier.planned(owner, next);
+    }
+}
+
+void orv_plugin_setStateRPC(const service_t& service, object_t* instance, schedule_record_t& record,
+                            const std::string& state) {
+    const type_record_t* type = types_record(schedules_typeOf(instance));
+    const bool sent = type != nullptr && setState(service, type->path, record.id, state);
+    record.status.current = sent ? state : kUnsynchronized;
+}
+
+bool dispatch_plan(service_t& service, object_t* instance, schedule_record_t& record, time_t t) {
+    service.agenda.remove(instance);
+    std::optional<change_t> next =
+        schedule_nextChangeHeld(record.spec, t, schedule_heldState(record.status));
+    record.next = next ? next->time : 0;
+    if (!next) {
+        return false;
+    }
+    service.agenda.add(instance, std::move(*next));
+    return true;
+}
+
+void dispatch_unplan(service_t& service, object_t* instance, schedule_record_t& record) {
+    service.agenda.remove(instance);
+    record.next = 0;
+}
+
+void dispatch_run(service_t& service, bool recomputeFirst) {
+    const time_t now = service_now();
+    if (!service.synchronized) {
+        return;
+    }
+    if (recomputeFirst) {
+        tolvTraceZ(TRACE_LEVEL_INFO, ME, "recalculate peeklist");
+        recompute(service, now);
+    }
+    live_applier_t applier(service);
+    dispatch_due(service.agenda, now, applier);
+    arm(service, now);
+}
+
+void dispatch_reassert(service_t& service, const std::vector<object_t*>& instances, time_t now) {
+    for (object_t* instance : instances) {
+        schedule_record_t& record = *schedules_record(instance);
+        const std::string* fixed = schedule_fixedState(record);
+        orv_plugin_setStateRPC(service, instance, record,
+                               fixed != nullptr ? *fixed : schedule_stateAt(record.spec, now));
+        schedules_publish(instance, record);
+    }
+}
+
+void orv_plugin_eventTimerHandler(orv_timer_t* /*timer*/, void* userdata) noexcept {
+    service_guarded("orv_plugin_eventTimerHandler", 0, [&] {
+        dispatch_run(*static_cast<service_t*>(userdata), false);
+        return 0;
+    });
+}
