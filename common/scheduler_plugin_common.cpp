@@ -7,12 +7,12 @@ namespace {
 
 const variant_map_t* entryMap(const variant_t* variant) {
     if (variant_type(variant) != variant_type_map) {
-        tolvTrace(100, "Not a variant map");
+        tolvTraceZ(TRACE_LEVEL_INFO, ME, "Not a variant map");
         return nullptr;
     }
     const variant_map_t* map = variant_da_map(variant);
     if (map == nullptr) {
-        tolvTrace(100, "Could not get the variant map");
+        tolvTraceZ(TRACE_LEVEL_INFO, ME, "Could not get the variant map");
     }
     return map;
 }
@@ -45,19 +45,19 @@ std::unique_ptr<schedule_entry_t> variant2schedule_entry_t(const variant_t* vari
     auto record = std::make_unique<schedule_entry_t>();
     std::optional<std::string> state = textOf(map, "state");
     if (!state) {
-        tolvTrace(100, "Cannot find state");
+        tolvTraceZ(TRACE_LEVEL_INFO, ME, "Cannot find state");
         return nullptr;
     }
     record->state = std::move(*state);
     std::optional<std::uint32_t> begin = entryTime(map, "begin");
     if (!begin) {
-        tolvTrace(100, "Cannot find begin");
+        tolvTraceZ(TRACE_LEVEL_INFO, ME, "Cannot find begin");
         return nullptr;
     }
     record->begin = *begin;
     std::optional<std::uint32_t> end = entryTime(map, "end");
     if (!end) {
-        tolvTrace(100, "Cannot find end");
+        tolvTraceZ(TRACE_LEVEL_INFO, ME, "Cannot find end");
         return nullptr;
     }
     record->end = *end;
