@@ -2,28 +2,34 @@
 // entry maps and entry records): whatever map a client sends, a record that
 // comes out must convert back to a map that converts to the same record
 // again, and the entry list must travel untouched. A record's entries are
-// then ordered and verified as addSchedule does, and a verified list must
-// give each state span its own state at its first and last second.
+// then parsed as a schedule is when it is added: ordered, read back exactly
+// as sent, and verified; a verified list must give each state span its own
+// state at its first and last second, and its next changes must agree with
+// the states it holds.
 //
 // The input is JSON text when its first byte is even, otherwise a program
 // that builds the map directly, with kinds JSON cannot express (date-times)
 // and numbers at the edges of each kind.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "entry_form.h"
 #include "fuzz_support.h"
+#include "next_change.h"
 #include "orv/trace.h"
 #include "orv/variant.h"
 #include "orv/variant_map.h"
-#include "scheduler_entrylist.h"
+#include "schedule_rules.h"
 #include "scheduler_plugin_common.h"
-#include "scheduler_schedule.h"
-#include "scheduler_time.h"
+#include "time_base.h"
 
 namespace {
 
@@ -100,76 +106,136 @@ time_t timeAtOffset(int base, std::uint32_t offset) {
     return time_calculateReferenceTime(base, kAnchor) + signedOffset(offset);
 }
 
-// Ordering keeps every element but the entries that set the default state,
-// and puts the valid entries in rising order of their signed begin.
-void checkOrdering(const variant_list_t& input, const variant_list_t& ordered,
-                   const std::string& defaultState) {
-    std::size_t kept = 0;
-    for (const variant_t& element : input) {
-        std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
-        if (!entry || entry->state != defaultState) {
-            ++kept;
-        }
-    }
-    FUZZ_REQUIRE(ordered.size() == kept);
-    std::optional<std::int32_t> previous;
-    for (const variant_t& element : ordered) {
+// Every element as a record, or nothing when one is not an entry map.
+std::optional<std::vector<schedule_entry_t>> recordsOf(const variant_list_t& sent) {
+    std::vector<schedule_entry_t> all;
+    for (const variant_t& element : sent) {
         std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
         if (!entry) {
-            continue;
+            return std::nullopt;
         }
-        FUZZ_REQUIRE(!previous || *previous <= signedOffset(entry->begin));
-        previous = signedOffset(entry->begin);
+        all.push_back(*entry);
+    }
+    return all;
+}
+
+bool sameEntry(const schedule_entry_t& a, const schedule_entry_t& b) {
+    return a.state == b.state && a.begin == b.begin && a.end == b.end;
+}
+
+// Ordering keeps every entry but those that set the default state, each once,
+// in rising order of the signed begin, equal begins in reverse input order;
+// the parsed entries are the kept ones in that order.
+void checkOrdering(const std::vector<schedule_entry_t>& all, std::span<const std::size_t> order,
+                   const parsed_entries_t& parsed, const std::string& defaultState) {
+    const auto kept = std::count_if(all.begin(), all.end(), [&](const schedule_entry_t& entry) {
+        return entry.state != defaultState;
+    });
+    FUZZ_REQUIRE(order.size() == static_cast<std::size_t>(kept));
+    FUZZ_REQUIRE(parsed.entries.size() == order.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        FUZZ_REQUIRE(order[i] < all.size() && all[order[i]].state != defaultState);
+        FUZZ_REQUIRE(sameEntry(parsed.entries[i], all[order[i]]));
+        if (i > 0) {
+            const std::int32_t before = signedOffset(all[order[i - 1]].begin);
+            const std::int32_t here = signedOffset(all[order[i]].begin);
+            FUZZ_REQUIRE(before < here || (before == here && order[i - 1] > order[i]));
+        }
     }
 }
 
-// A verified list packs, and reads back exactly as it was given. It holds
-// state spans that do not overlap, or only events: each span's state holds
-// from its begin to the second before its end, and events never change the
-// state held between them.
-void checkVerifiedStates(const variant_list_t& ordered, int base, const std::string& def) {
-    std::optional<entrylist_t> packed =
-        entrylist_pack(std::make_shared<const variant_list_t>(ordered));
-    FUZZ_REQUIRE(packed.has_value());
-    std::shared_ptr<const variant_list_t> back = entrylist_variants(*packed);
-    // Kept maps come back as they are (a NaN state would not even equal
-    // itself); rebuilt ones must equal what was given.
-    FUZZ_REQUIRE(back && (back == packed->given || *back == ordered));
-    for (const schedule_entry_t& entry : packed->entries) {
+// The maps read back are the kept ones exactly as sent, in their new order.
+// Kept maps come back as they are (a NaN would not even equal itself).
+void checkReadBack(const variant_list_t& sent, std::span<const std::size_t> order,
+                   const parsed_entries_t& parsed) {
+    variant_list_t expected;
+    for (std::size_t at : order) {
+        expected.push_back(sent[at]);
+    }
+    std::shared_ptr<const variant_list_t> back = entries_maps(parsed.entries, parsed.form);
+    FUZZ_REQUIRE(back && fuzz::sameValue(variant_t(*back), variant_t(expected)));
+}
+
+// From t, the next change lies later; on a base whose periods all have the
+// same length it sets the state the schedule holds from then on, and a
+// position at t agrees with both searches.
+void checkNextChange(const schedule_spec_t& spec, time_t t, bool events) {
+    const std::optional<change_t> next = schedule_nextChange(spec, t);
+    const position_t position = schedule_position(spec, t, nullptr);
+    FUZZ_REQUIRE(position.state == schedule_stateAt(spec, t));
+    FUZZ_REQUIRE(position.next.has_value() == next.has_value());
+    if (!next) {
+        return;
+    }
+    FUZZ_REQUIRE(next->time > t && position.next->time == next->time);
+    FUZZ_REQUIRE(next->isEvent == events);
+    const bool fixedLength = spec.base != time_base_monthly && spec.base != time_base_yearly;
+    if (fixedLength && !events) {
+        FUZZ_REQUIRE(next->state == schedule_stateAt(spec, next->time));
+    }
+    // While the next change's own state holds, a later change is planned.
+    const std::optional<change_t> held = schedule_nextChangeHeld(spec, t, &next->state);
+    FUZZ_REQUIRE(!held || held->time > next->time);
+}
+
+// A verified list holds state spans that do not overlap, or only events:
+// each span's state holds from its begin to the second before its end,
+// events never change the state held between them, and the next change
+// from either edge obeys checkNextChange.
+void checkVerifiedStates(const schedule_spec_t& spec) {
+    for (const schedule_entry_t& entry : spec.entries) {
         const bool event = entry.begin == entry.end;
-        const std::string& expected = event ? def : entry.state;
-        const time_t first = timeAtOffset(base, entry.begin);
-        FUZZ_REQUIRE(schedule_currentState(packed->entries, base, first, def) == expected);
+        const std::string& expected = event ? spec.defaultState : entry.state;
+        const time_t first = timeAtOffset(spec.base, entry.begin);
+        FUZZ_REQUIRE(schedule_stateAt(spec, first) == expected);
+        checkNextChange(spec, first, event);
         if (!event) {
-            const time_t last = timeAtOffset(base, entry.end - 1);
-            FUZZ_REQUIRE(schedule_currentState(packed->entries, base, last, def) == expected);
+            const time_t last = timeAtOffset(spec.base, entry.end - 1);
+            FUZZ_REQUIRE(schedule_stateAt(spec, last) == expected);
+            checkNextChange(spec, last, event);
         }
     }
+}
+
+// The allowed states: the map's own "states" list when it has one (those
+// without a text form cannot be named), or else every state the entries name.
+std::vector<std::string> allowedStates(const variant_map_t& source,
+                                       const std::vector<schedule_entry_t>& entries) {
+    std::vector<std::string> states;
+    if (const variant_list_t* given = variant_da_list(variant_map_find(&source, "states"))) {
+        for (const variant_t& state : *given) {
+            if (std::optional<std::string> name = variant_toChar(&state)) {
+                states.push_back(std::move(*name));
+            }
+        }
+        return states;
+    }
+    for (const schedule_entry_t& entry : entries) {
+        states.push_back(entry.state);
+    }
+    return states;
 }
 
 void checkScheduleLogic(const schedule_t& record, const variant_map_t& source) {
     if (!record.schedule || !record.def) {
         return;
     }
-    std::optional<variant_list_t> ordered = schedule_order(*record.schedule, *record.def);
-    FUZZ_REQUIRE(ordered.has_value());
-    checkOrdering(*record.schedule, *ordered, *record.def);
-
-    // The allowed states: the map's own "states" list when it has one, or
-    // else every state the entries name.
-    variant_list_t states;
-    if (const variant_list_t* given = variant_da_list(variant_map_find(&source, "states"))) {
-        states = *given;
-    } else {
-        for (const variant_t& element : *ordered) {
-            if (const variant_t* state = variant_map_find(variant_da_map(&element), "state")) {
-                states.push_back(*state);
-            }
-        }
+    const variant_list_t& sent = *record.schedule;
+    std::optional<parsed_entries_t> parsed = entries_parse(sent, *record.def);
+    const std::optional<std::vector<schedule_entry_t>> all = recordsOf(sent);
+    // A list is refused exactly when one of its elements is no entry.
+    FUZZ_REQUIRE(parsed.has_value() == all.has_value());
+    if (!parsed) {
+        return;
     }
+    const std::vector<std::size_t> order = schedule_order(*all, *record.def);
+    checkOrdering(*all, order, *parsed, *record.def);
+    checkReadBack(sent, order, *parsed);
+
     const int base = time_baseToEnum(record.base.value_or(""));
-    if (base != time_base_unknown && schedule_verify(*ordered, base, &states)) {
-        checkVerifiedStates(*ordered, base, *record.def);
+    const std::vector<std::string> states = allowedStates(source, parsed->entries);
+    if (base != time_base_unknown && !schedule_verify(parsed->entries, base, states)) {
+        checkVerifiedStates({base, std::move(parsed->entries), *record.def});
     }
 }
 
