@@ -35,10 +35,13 @@ std::optional<entrylist_form_t> formOf(const variant_t& first) {
         seen |= 1U << field;
         form.keyAt[at] = static_cast<std::uint8_t>(field);
         const variant_type_t type = variant_type(&pair.value);
-        if (field == 0 && type != variant_type_string) {
-            return std::nullopt;
+        if (field == 0) {
+            if (type != variant_type_string) {
+                return std::nullopt;
+            }
+            continue;
         }
-        if (field != 0 && !isPlainInteger(type)) {
+        if (!isPlainInteger(type)) {
             return std::nullopt;
         }
         (field == 1 ? form.beginType : form.endType) = type;
