@@ -140,12 +140,20 @@ object_t* types_register(object_t* scheduler, const std::string& type, const std
     return instance;
 }
 
-std::vector<std::string> types_names(object_t* scheduler) {
-    std::vector<std::string> names;
+std::vector<object_t*> types_all(object_t* scheduler) {
+    std::vector<object_t*> instances;
     object_t* types = typesTemplate(scheduler);
     for (object_t* instance = types != nullptr ? object_firstInstance(types) : nullptr;
          instance != nullptr; instance = object_nextInstance(instance)) {
-        names.push_back(variant_char(object_parameterValue(instance, "Type")).value_or(""));
+        instances.push_back(instance);
+    }
+    return instances;
+}
+
+std::vector<std::string> types_names(object_t* scheduler) {
+    std::vector<std::string> names;
+    for (const object_t* instance : types_all(scheduler)) {
+        names.push_back(types_record(instance)->name);
     }
     return names;
 }

@@ -18,6 +18,8 @@ type_record_t* types_record(const object_t* typeInstance);
 // entry of one of the type's schedules uses.
 object_t* types_register(object_t* scheduler, const std::string& type, const std::string& path,
                          variant_list_t states);
+// The type instances, in registration order.
+std::vector<object_t*> types_all(object_t* scheduler);
 // The names of the registered types, in registration order.
 std::vector<std::string> types_names(object_t* scheduler);
 // Deletes a type with its schedules, committed.

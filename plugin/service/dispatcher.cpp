@@ -56,26 +56,44 @@ std::uint32_t alignToSecond(std::uint32_t timeout, time_t now) {
     return remainingUs <= 0 ? 0 : static_cast<std::uint32_t>((remainingUs + 999) / 1000);
 }
 
-// Every planned change computed anew for now, and each schedule brought to
-// the state it holds at now; one search serves both. A schedule without a
-// further change leaves the agenda, and the others go on.
+// A schedule computed anew for now: its next change, when its entries
+// decide, goes into planned, and its client is told the state it holds now
+// when it shows another. One search serves both.
+void recomputeOne(service_t& service, object_t* instance, time_t now,
+                  std::vector<agenda_t<object_t*>::item_t>& planned) {
+    schedule_record_t& record = *schedules_record(instance);
+    const std::string* fixed = schedule_fixedState(record);
+    std::string state = fixed != nullptr ? *fixed : std::string();
+    record.next = 0;
+    // A temporary state runs on the schedule's entries, and lasts until they
+    // next change the state.
+    if (record.enabled && record.override.empty()) {
+        position_t position =
+            schedule_position(record.spec, now, schedule_heldState(record.status));
+        if (fixed == nullptr) {
+            state = std::move(position.state);
+        }
+        if (position.next) {
+            record.next = position.next->time;
+            planned.push_back({instance, std::move(*position.next)});
+        }
+    }
+    if (record.status.current != state) {
+        orv_plugin_setStateRPC(service, instance, record, state);
+    }
+    schedules_publish(instance, record);
+}
+
+// Every schedule computed anew for now, whether it had a change planned or
+// not: a schedule held by an override or disabled before the clock was
+// synchronised could not be told then.
 void recompute(service_t& service, time_t now) {
     std::vector<agenda_t<object_t*>::item_t> planned;
     planned.reserve(service.agenda.size());
-    for (object_t* owner : service.agenda.owners()) {
-        schedule_record_t& record = *schedules_record(owner);
-        position_t position =
-            schedule_position(record.spec, now, schedule_heldState(record.status));
-        record.next = position.next ? position.next->time : 0;
-        if (position.next) {
-            planned.push_back({owner, std::move(*position.next)});
-        } else {
-            tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "%s has no further change", record.id.c_str());
+    for (object_t* type : types_all(service.scheduler)) {
+        for (object_t* instance : schedules_of(type)) {
+            recomputeOne(service, instance, now, planned);
         }
-        if (record.status.current != position.state) {
-            orv_plugin_setStateRPC(service, owner, record, position.state);
-        }
-        schedules_publish(owner, record);
     }
     service.agenda.replace(std::move(planned));
 }

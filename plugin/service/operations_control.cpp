@@ -75,8 +75,24 @@ bool override(service_t& service, const std::string& type, const std::string& id
     return true;
 }
 
-// A temporary state is neither validated nor announced; it lasts until the
-// schedule itself next changes the state.
+// Why a temporary state may not be set, or null: it is a state of the type,
+// for a schedule that runs on its entries.
+const char* temporaryRefusal(const object_t* typeInstance, const schedule_record_t& record,
+                             const std::string& state) {
+    if (!schedule_isState(types_record(typeInstance)->stateNames, state)) {
+        return "the state is not one of the type's";
+    }
+    if (!record.enabled) {
+        return "the schedule is disabled";
+    }
+    if (!record.override.empty()) {
+        return "the schedule has a permanent override";
+    }
+    return nullptr;
+}
+
+// A temporary state is not announced; it lasts until the schedule itself next
+// changes the state.
 bool overrideTemporarily(service_t& service, const std::string& type, const std::string& id,
                          const std::string& state) {
     object_t* instance = operations_findSchedule(service, type, id);
@@ -84,6 +100,11 @@ bool overrideTemporarily(service_t& service, const std::string& type, const std:
         return false;
     }
     schedule_record_t& record = *schedules_record(instance);
+    if (const char* reason = temporaryRefusal(schedules_typeOf(instance), record, state)) {
+        tolvTrace(TRACE_LEVEL_WARNING, "overrideState %s of %s refused: %s", state.c_str(),
+                  id.c_str(), reason);
+        return false;
+    }
     record.temporaryState = state;
     record.status.temporary = true;
     record.status.current = state;

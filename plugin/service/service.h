@@ -29,6 +29,9 @@ struct service_t {
     bool synchronized = false;
     // "Time" was found; its watch is set up once.
     bool timeSeen = false;
+    // The Status "Time" last announced; a change to "Synchronized" starts
+    // the processing or, once it runs, recomputes.
+    std::string timeStatus;
     orv_timer_ptr eventTimer;
     // Coalesces the change notifications.
     orv_timer_ptr noticeTimer;

@@ -40,7 +40,8 @@ void timeFound(service_t& service) {
         tolvTrace(TRACE_LEVEL_WARNING, "Subscription failed");
     }
     const char* status = variant_da_char(orv_client_get(service.busPeer, "Time", "Status"));
-    if (status != nullptr && std::strcmp(status, "Synchronized") == 0) {
+    service.timeStatus = status != nullptr ? status : "";
+    if (service.timeStatus == "Synchronized") {
         startProcessing(service);
     }
 }
@@ -52,6 +53,9 @@ void rootAppeared(service_t& service, const std::string& name) {
         if (!service.timeSeen) {
             service.timeSeen = true;
             timeFound(service);
+        } else {
+            // A Time service that restarted: its first "Synchronized" counts.
+            service.timeStatus.clear();
         }
         return;
     }
@@ -70,16 +74,19 @@ void rootAppeared(service_t& service, const std::string& name) {
 }
 
 // A value change of "Time": the first "Synchronized" starts the processing,
-// which then never stops.
+// which then never stops. "Synchronized" again, after another status or
+// from a Time service that restarted, recomputes: the clock may have moved
+// meanwhile.
 void timeStatusChanged(service_t& service, const notification_t* notification) {
     std::optional<std::string> parameter =
         notification_parameter_value(notification_getParameter(notification, "parameter"));
-    if (service.synchronized || parameter != "Status") {
-        return;
-    }
     std::optional<std::string> value =
         notification_parameter_value(notification_getParameter(notification, "newvalue"));
-    if (value == "Synchronized") {
+    if (parameter != "Status" || !value || *value == service.timeStatus) {
+        return;
+    }
+    service.timeStatus = *value;
+    if (*value == "Synchronized") {
         startProcessing(service);
     }
 }

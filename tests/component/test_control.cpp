@@ -101,14 +101,13 @@ TEST(Control, OverridesAndEnableDecideWhatTheClientReceives) {
         EXPECT_EQ(changes(host).back(), "2023-11-16T19:00:00Z on") << function;
     }
 
-    // A disabled schedule takes a temporary state, even one the type does
-    // not list, and plans its next change as if it were enabled.
+    // A disabled schedule takes no temporary state: it would wake up and
+    // drive the client again at its next change.
     EXPECT_EQ(onS1(host, "enableSchedule", R"("enable":false)"), true);
-    EXPECT_EQ(onS1(host, "overrideState", R"("State":"dim")"), true);
-    EXPECT_EQ(changes(host).back(), "2023-11-16T19:00:00Z dim");
-    EXPECT_EQ(text(host, "CurrentState"), "dim");
-    EXPECT_EQ(text(host, "TemporaryOverride"), "true");
-    EXPECT_EQ(text(host, "NextStateChange"), "2023-11-16T23:00:00Z");
+    EXPECT_EQ(onS1(host, "overrideState", R"("State":"eco")"), false);
+    EXPECT_EQ(changes(host).back(), "2023-11-16T19:00:00Z off");
+    EXPECT_EQ(text(host, "TemporaryOverride"), "false");
+    EXPECT_EQ(text(host, "NextStateChange"), "1970-01-01T00:00:00Z");
 }
 
 // A notification as if sent by the object at path.
