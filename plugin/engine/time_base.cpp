@@ -44,12 +44,11 @@ void truncateToPeriod(int base, struct tm* tm) {
 }
 
 // Weeks start on Monday. The Monday is reached by whole days of 86400 s from
-// the local midnight of t's day, with the weekday of that midnight instant.
-time_t weekStart(time_t midnight, const struct tm& normalised) {
-    if (normalised.tm_wday == 0) {
-        return midnight - 6 * kDay;
-    }
-    return midnight - (normalised.tm_wday - 1) * kDay;
+// the local midnight of t's day, counted by the weekday of t's own date: the
+// midnight instant, read with t's daylight-saving flag, falls on the Saturday
+// when the clocks went forward that night.
+time_t weekStart(time_t midnight, int weekday) {
+    return midnight - ((weekday + 6) % 7) * kDay;
 }
 
 // The start of the month or year after t's, computed like the reference time:
@@ -84,13 +83,14 @@ void time_reloadZone() {
 time_t time_calculateReferenceTime(int base, time_t t) {
     struct tm broken {};
     localtime_r(&t, &broken);
+    const int weekday = broken.tm_wday;
     truncateToPeriod(base, &broken);
     time_t start = mktime(&broken);
     switch (base) {
         case time_base_once:
             return 0;
         case time_base_weekly:
-            return weekStart(start, broken);
+            return weekStart(start, weekday);
         default:
             return isKnownBase(base) ? start : t;
     }

@@ -107,6 +107,34 @@ TEST(EngineNextChange, SwitchesAndCalendarLengths) {
     });
 }
 
+// Sunday 10:00-12:00, seen from 08:00 and from 10:30 that Sunday: the week
+// counts from the Monday of the Sunday's own date, also when midnight read
+// with the day's daylight-saving flag falls on the Saturday (the clocks went
+// forward that night: Berlin, New York; half an hour at Lord Howe; at
+// midnight itself in Santiago) or the clocks went back.
+TEST(EngineNextChange, TheSundaysTheClocksChange) {
+    const char* kSunday = "554400 561600 on";
+    const int kWeekly = time_base_weekly;
+    check({
+        {"Europe/Berlin", kWeekly, kSunday, 1774764000, "1774771200 on"},  // 03-29 forward
+        {"Europe/Berlin", kWeekly, kSunday, 1774773000, "1774778400 off"},
+        {"Europe/Berlin", kWeekly, kSunday, 1792911600, "1792918800 on"},  // 10-25 back
+        {"Europe/Berlin", kWeekly, kSunday, 1792920600, "1792926000 off"},
+        {"America/New_York", kWeekly, kSunday, 1772971200, "1772978400 on"},  // 03-08 forward
+        {"America/New_York", kWeekly, kSunday, 1772980200, "1772985600 off"},
+        {"America/New_York", kWeekly, kSunday, 1793538000, "1793545200 on"},  // 11-01 back
+        {"America/New_York", kWeekly, kSunday, 1793547000, "1793552400 off"},
+        {"Australia/Lord_Howe", kWeekly, kSunday, 1775338200, "1775345400 on"},  // 04-05 back
+        {"Australia/Lord_Howe", kWeekly, kSunday, 1775347200, "1775352600 off"},
+        {"Australia/Lord_Howe", kWeekly, kSunday, 1791061200, "1791068400 on"},  // 10-04 forward
+        {"Australia/Lord_Howe", kWeekly, kSunday, 1791070200, "1791075600 off"},
+        {"America/Santiago", kWeekly, kSunday, 1775390400, "1775397600 on"},  // 04-05 back
+        {"America/Santiago", kWeekly, kSunday, 1775399400, "1775404800 off"},
+        {"America/Santiago", kWeekly, kSunday, 1788692400, "1788699600 on"},  // 09-06 forward
+        {"America/Santiago", kWeekly, kSunday, 1788701400, "1788706800 off"},
+    });
+}
+
 // Once entries hold absolute times, and a Once schedule ends. The end of a
 // span one second long is a change of its own.
 TEST(EngineNextChange, OnceAndShortSpans) {

@@ -43,9 +43,9 @@ TEST(EngineTime, ReferenceTimes) {
         // flag of t is 01:00 daylight time, so t - reference is wall-clock time.
         {"Europe/Berlin", time_base_daily, 1698577200, 1698534000, "Sun 2023-10-29 12:00 CET"},
         // The Sunday the clock goes forward: midnight read with the daylight
-        // flag is Saturday 23:00 standard time, so the week starts on the
-        // Monday at 23:00 standard time.
-        {"Europe/Berlin", time_base_weekly, 1679824800, 1679349600, "Sun 2023-03-26 12:00 CEST"},
+        // flag is Saturday 23:00 standard time, but the weekday is that of
+        // the Sunday, so the week starts six days before that instant.
+        {"Europe/Berlin", time_base_weekly, 1679824800, 1679263200, "Sun 2023-03-26 12:00 CEST"},
         {"Europe/Berlin", time_base_daily, 1689415200, 1689372000, "Sat 2023-07-15 12:00 CEST"},
     };
     for (const time_row_t& row : rows) {

@@ -27,6 +27,9 @@ class RecordTest : public ::testing::Test {
   protected:
     void SetUp() override {
         tolvTraceReset();
+        // A map that does not read is told in detail; the refusal that
+        // follows it is the caller's.
+        tolvTraceAddZone(TRACE_LEVEL_INFO, "scheduler_plugin");
         tolvTraceSetSink([this](std::string_view line) { lines_.emplace_back(line); });
     }
     void TearDown() override { tolvTraceSetSink({}); }
@@ -44,14 +47,14 @@ TEST_F(RecordTest, EntryFromMapAndBack) {
         // A negative time is kept in its unsigned form; verification judges it.
         {R"({"state":"on","begin":-10,"end":4294967295})",
          R"({"state":"on","begin":4294967286,"end":4294967295})", ""},
-        {R"({"begin":1,"end":2})", "-", "[x]Cannot find state"},
-        {R"({"state":"on","end":2})", "-", "[x]Cannot find begin"},
-        {R"({"state":"on","begin":1})", "-", "[x]Cannot find end"},
+        {R"({"begin":1,"end":2})", "-", "[i]Cannot find state"},
+        {R"({"state":"on","end":2})", "-", "[i]Cannot find begin"},
+        {R"({"state":"on","begin":1})", "-", "[i]Cannot find end"},
         // A value that does not convert counts as missing.
-        {R"({"state":"on","begin":4294967296,"end":2})", "-", "[x]Cannot find begin"},
-        {R"({"state":"on","begin":"soon","end":2})", "-", "[x]Cannot find begin"},
-        {R"({"state":[],"begin":1,"end":2})", "-", "[x]Cannot find state"},
-        {R"([{"state":"on","begin":1,"end":2}])", "-", "[x]Not a variant map"},
+        {R"({"state":"on","begin":4294967296,"end":2})", "-", "[i]Cannot find begin"},
+        {R"({"state":"on","begin":"soon","end":2})", "-", "[i]Cannot find begin"},
+        {R"({"state":[],"begin":1,"end":2})", "-", "[i]Cannot find state"},
+        {R"([{"state":"on","begin":1,"end":2}])", "-", "[i]Not a variant map"},
     };
     for (const auto& [map, back, trace] : rows) {
         lines_.clear();
