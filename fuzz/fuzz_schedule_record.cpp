@@ -126,20 +126,16 @@ bool sameEntry(const schedule_entry_t& a, const schedule_entry_t& b) {
 // Ordering keeps every entry but those that set the default state, each once,
 // in rising order of the signed begin, equal begins in reverse input order;
 // the parsed entries are the kept ones in that order.
-void checkOrdering(const std::vector<schedule_entry_t>& all, std::span<const std::size_t> order,
-                   const parsed_entries_t& parsed, const std::string& defaultState) {
-    const auto kept = std::count_if(all.begin(), all.end(), [&](const schedule_entry_t& entry) {
-        return entry.state != defaultState;
-    });
-    FUZZ_REQUIRE(order.size() == static_cast<std::size_t>(kept));
-    FUZZ_REQUIRE(parsed.entries.size() == order.size());
-    for (std::size_t i = 0; i < order.size(); ++i) {
-        FUZZ_REQUIRE(order[i] < all.size() && all[order[i]].state != defaultState);
-        FUZZ_REQUIRE(sameEntry(parsed.entries[i], all[order[i]]));
+void checkOrdering(const std::vector<schedule_entry_t>& all, const parsed_entries_t& parsed) {
+    FUZZ_REQUIRE(parsed.order.size() == all.size());
+    FUZZ_REQUIRE(parsed.entries.size() == all.size());
+    for (std::size_t i = 0; i < parsed.order.size(); ++i) {
+        FUZZ_REQUIRE(parsed.order[i] < all.size());
+        FUZZ_REQUIRE(sameEntry(parsed.entries[i], all[parsed.order[i]]));
         if (i > 0) {
-            const std::int32_t before = signedOffset(all[order[i - 1]].begin);
-            const std::int32_t here = signedOffset(all[order[i]].begin);
-            FUZZ_REQUIRE(before < here || (before == here && order[i - 1] > order[i]));
+            const std::int32_t before = signedOffset(all[parsed.order[i - 1]].begin);
+            const std::int32_t here = signedOffset(all[parsed.order[i]].begin);
+            FUZZ_REQUIRE(before < here || (before == here && parsed.order[i - 1] < parsed.order[i]));
         }
     }
 }
@@ -221,21 +217,20 @@ void checkScheduleLogic(const schedule_t& record, const variant_map_t& source) {
         return;
     }
     const variant_list_t& sent = *record.schedule;
-    std::optional<parsed_entries_t> parsed = entries_parse(sent, *record.def);
+    std::optional<parsed_entries_t> parsed = entries_parse(sent).parsed;
     const std::optional<std::vector<schedule_entry_t>> all = recordsOf(sent);
     // A list is refused exactly when one of its elements is no entry.
     FUZZ_REQUIRE(parsed.has_value() == all.has_value());
     if (!parsed) {
         return;
     }
-    const std::vector<std::size_t> order = schedule_order(*all, *record.def);
-    checkOrdering(*all, order, *parsed, *record.def);
-    checkReadBack(sent, order, *parsed);
+    checkOrdering(*all, *parsed);
+    checkReadBack(sent, parsed->order, *parsed);
 
     const int base = time_baseToEnum(record.base.value_or(""));
     const std::vector<std::string> states = allowedStates(source, parsed->entries);
     if (base != time_base_unknown && !schedule_verify(parsed->entries, base, states)) {
-        checkVerifiedStates({base, std::move(parsed->entries), *record.def});
+        checkVerifiedStates({base, schedule_searched(parsed->entries, *record.def), *record.def});
     }
 }
 

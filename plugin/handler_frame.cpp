@@ -20,7 +20,7 @@ void traceMissing(const call_context_t& call, const char* name, const char* labe
     if (argument_valueByName(call.args, name) != nullptr) {
         tolvTrace_message(TRACE_LEVEL_WARNING, TOLV_TRACE_MODULE, call.function, __FILE__,
                           call.line, "Named parameter %s has the wrong type", label);
-        throw argument_refused_t{};
+        throw argument_refused_t{std::string("'") + label + "' has the wrong type"};
     }
     tolvTrace_message(TRACE_LEVEL_NOTICE, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
                       "Named parameter %s not found, using default value %s", label, fallback);
@@ -50,10 +50,11 @@ std::optional<variant_list_t> readList(const call_context_t& call, const char* n
     return value;
 }
 
-bool readBool(const call_context_t& call, const char* name) {
+std::optional<bool> readBool(const call_context_t& call, const char* name) {
     bool value = false;
     if (!argument_getBool(&value, call.args, call.attributes, name, false)) {
-        traceMissing(call, name, name, "false");
+        traceMissing(call, name, name, "none");
+        return std::nullopt;
     }
     return value;
 }
@@ -154,13 +155,22 @@ const char* overLimit(const variant_t& value, int depth) {
 
 // A refused call is answered like any failed one: false, or an empty list
 // for the functions that return one.
-void refuse(const function_call_t* fcall, variant_t* retval) {
+void refuse(const function_call_t* fcall, argument_value_list_t* args, variant_t* retval,
+            const std::string& reason) {
     const function_definition_t* definition = fcall->function();
     if (definition != nullptr && definition->returnType == variant_type_array) {
         variant_list_t none;
         variant_setListMove(retval, &none);
     } else {
         variant_setBool(retval, false);
+    }
+    prependOut(args, "error", variant_t(reason));
+}
+
+void answer(argument_value_list_t* args, variant_t* retval, const outcome_t& outcome) {
+    variant_setBool(retval, outcome.ok());
+    if (!outcome.ok()) {
+        prependOut(args, "error", variant_t(outcome.reason()));
     }
 }
 

@@ -13,6 +13,7 @@
 #include "orv/trace.h"
 #include "orv/variant.h"
 #include "scheduler_plugin_common.h"
+#include "outcome.h"
 #include "service.h"
 
 // What every handler takes from the call: the target object, the calling
@@ -30,7 +31,9 @@ struct call_context_t {
 // the reader's type. Treating it as absent would turn a client's mistake
 // into a default, such as "remove every schedule" or "disable", so the whole
 // call is refused instead.
-struct argument_refused_t {};
+struct argument_refused_t {
+    std::string reason;
+};
 
 call_context_t beginCall(function_call_t* call, argument_value_list_t* args, const char* function,
                          int line);
@@ -41,7 +44,7 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
                                     const char* label);
 std::optional<std::string> readText(const call_context_t& call, const char* name);
 std::optional<variant_list_t> readList(const call_context_t& call, const char* name);
-bool readBool(const call_context_t& call, const char* name);
+std::optional<bool> readBool(const call_context_t& call, const char* name);
 // A date-time argument as seconds since the epoch; 0 when absent.
 time_t readTime(const call_context_t& call, const char* name);
 std::unique_ptr<schedule_t> readSchedule(const call_context_t& call);
@@ -50,9 +53,14 @@ void returnLines(variant_t* retval, std::optional<variant_list_t> lines);
 // Puts an out-argument in front of the arguments.
 void prependOut(argument_value_list_t* args, const char* name, variant_t value);
 variant_t listVariant(variant_list_t* list);
-// A refused call is answered like any failed one: false, or an empty list
-// for the functions that return one.
-void refuse(const function_call_t* fcall, variant_t* retval);
+// A refused call is answered like any failed one, false or an empty list
+// for the functions that return one, and carries the reason as the
+// out-argument "error".
+void refuse(const function_call_t* fcall, argument_value_list_t* args, variant_t* retval,
+            const std::string& reason);
+// The answer of an operation: its outcome as the return value, and the
+// reason of a refusal as "error".
+void answer(argument_value_list_t* args, variant_t* retval, const outcome_t& outcome);
 // The reason the arguments break a bound, or null.
 const char* argumentsOverLimit(const argument_value_list_t* args);
 // The frame of every handler: the enter marker, the argument count, the
@@ -66,16 +74,16 @@ int serve(const char* function, int line, function_call_t* fcall, argument_value
         tolvTrace_marker(true, ME, function, __FILE__, line);
         call_context_t call = beginCall(fcall, args, function, line);
         if (call.service == nullptr) {
-            tolvTrace(TRACE_LEVEL_WARNING, "%s refused: the plug-in is not running", function);
-            refuse(fcall, retval);
+            tolvTrace(TRACE_LEVEL_WARNING, "%s refused: the scheduler is not running", function);
+            refuse(fcall, args, retval, "the scheduler is not running");
         } else if (const char* reason = argumentsOverLimit(args)) {
             tolvTrace(TRACE_LEVEL_WARNING, "%s refused: %s", function, reason);
-            refuse(fcall, retval);
+            refuse(fcall, args, retval, reason);
         } else {
             body(call);
         }
-    } catch (const argument_refused_t&) {
-        refuse(fcall, retval);
+    } catch (const argument_refused_t& refused) {
+        refuse(fcall, args, retval, refused.reason);
     } catch (const std::exception& e) {
         tolvTrace(TRACE_LEVEL_WARNING, "%s failed: %s", function, e.what());
     } catch (...) {

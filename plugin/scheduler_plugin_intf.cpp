@@ -44,9 +44,9 @@ void comGetSchedules(const call_context_t& call, variant_t* retval, bool complet
     // A "scheduleInfo" the caller sent would shadow the answer.
     argument_valueDestroy(args, argument_valueByName(args, "scheduleInfo"));
     variant_list_t list;
-    bool result = getSchedules(*call.service, type, &list, complete);
+    const outcome_t outcome = getSchedules(*call.service, type, &list, complete);
     prependOut(args, "scheduleInfo", listVariant(&list));
-    variant_setBool(retval, result);
+    answer(args, retval, outcome);
 }
 
 }  // namespace
@@ -58,8 +58,8 @@ int __registerScheduleType(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> path = readText(call, "path");
         std::optional<variant_list_t> states = readList(call, "states");
         std::optional<variant_list_t> schedules = readList(call, "schedules");
-        variant_setBool(
-            retval, registerScheduleType(*call.service, type, path, std::move(states), schedules));
+        answer(args, retval,
+               registerScheduleType(*call.service, type, path, std::move(states), schedules));
     });
 }
 
@@ -67,7 +67,7 @@ int __unregisterScheduleType(function_call_t* fcall, argument_value_list_t* args
                              variant_t* retval) noexcept {
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
-        variant_setBool(retval, unregisterScheduleType(*call.service, type));
+        answer(args, retval, unregisterScheduleType(*call.service, type));
     });
 }
 
@@ -75,7 +75,7 @@ int __addSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::unique_ptr<schedule_t> schedule = readSchedule(call);
-        variant_setBool(retval, addSchedule(*call.service, type, schedule.get()));
+        answer(args, retval, addSchedule(*call.service, type, schedule.get()));
     });
 }
 
@@ -85,7 +85,7 @@ int __removeSchedules(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         // Without "ID" every schedule of the type goes.
         std::optional<variant_list_t> ids = readList(call, "ID");
-        variant_setBool(retval, removeSchedules(*call.service, type, ids));
+        answer(args, retval, removeSchedules(*call.service, type, ids));
     });
 }
 
@@ -117,12 +117,13 @@ int __getSchedule(function_call_t* fcall, argument_value_list_t* args, variant_t
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
-        std::optional<schedule_t> record = getSchedule(*call.service, type, id);
-        if (record) {
-            std::optional<variant_t> map = schedule_t2variant(&*record);
+        schedule_t record;
+        const outcome_t outcome = getSchedule(*call.service, type, id, &record);
+        if (outcome.ok()) {
+            std::optional<variant_t> map = schedule_t2variant(&record);
             prependOut(args, "scheduleInfo", map ? std::move(*map) : variant_t());
         }
-        variant_setBool(retval, record.has_value());
+        answer(args, retval, outcome);
     });
 }
 
@@ -131,8 +132,10 @@ int __enableSchedule(function_call_t* fcall, argument_value_list_t* args,
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
-        bool enable = readBool(call, "enable");
-        variant_setBool(retval, enableSchedule(*call.service, type, id, enable));
+        // Without "enable" nothing changes: a missing argument must not
+        // disable a schedule.
+        std::optional<bool> enable = readBool(call, "enable");
+        answer(args, retval, enableSchedule(*call.service, type, id, enable));
     });
 }
 
@@ -142,7 +145,7 @@ int __overrideSchedule(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::optional<std::string> state = readText(call, "override");
-        variant_setBool(retval, overrideSchedule(*call.service, type, id, state));
+        answer(args, retval, overrideSchedule(*call.service, type, id, state));
     });
 }
 
@@ -152,7 +155,7 @@ int __overrideState(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
         std::optional<std::string> state = readText(call, "State", "state");
-        variant_setBool(retval, overrideState(*call.service, type, id, state));
+        answer(args, retval, overrideState(*call.service, type, id, state));
     });
 }
 
@@ -162,14 +165,20 @@ namespace {
 // any client may ask for one: a span longer than five years is refused.
 constexpr std::int64_t kMaxSimulatedSeconds = 5LL * 366 * 86400;
 
-bool spanTooLong(const call_context_t& call, time_t start, time_t stop) {
-    if (static_cast<std::int64_t>(stop) - static_cast<std::int64_t>(start) <=
+// The span of a simulation; false, with the refusal answered, when it is too
+// long.
+bool readSpan(const call_context_t& call, variant_t* retval, time_t* start, time_t* stop) {
+    *start = readTime(call, "start");
+    *stop = readTime(call, "stop");
+    if (static_cast<std::int64_t>(*stop) - static_cast<std::int64_t>(*start) <=
         kMaxSimulatedSeconds) {
-        return false;
+        return true;
     }
-    tolvTrace(TRACE_LEVEL_WARNING, "%s refused: a simulation covers at most five years",
-              call.function);
-    return true;
+    const outcome_t refused =
+        outcome_t::refused(call.function, "a simulation covers at most five years");
+    returnLines(retval, std::nullopt);
+    prependOut(call.args, "error", variant_t(refused.reason()));
+    return false;
 }
 
 }  // namespace
@@ -179,25 +188,27 @@ int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         std::optional<std::string> type = readText(call, "type");
         std::optional<std::string> id = readText(call, "ID");
-        time_t start = readTime(call, "start");
-        time_t stop = readTime(call, "stop");
-        if (spanTooLong(call, start, stop)) {
-            returnLines(retval, std::nullopt);
+        time_t start = 0;
+        time_t stop = 0;
+        if (!readSpan(call, retval, &start, &stop)) {
             return;
         }
-        returnLines(retval, simulateSchedule(*call.service, type, id, start, stop));
+        variant_list_t lines;
+        const outcome_t outcome = simulateSchedule(*call.service, type, id, start, stop, &lines);
+        returnLines(retval, std::move(lines));
+        if (!outcome.ok()) {
+            prependOut(args, "error", variant_t(outcome.reason()));
+        }
     });
 }
 
 int __simulateSchedules(function_call_t* fcall, argument_value_list_t* args,
                         variant_t* retval) noexcept {
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
-        time_t start = readTime(call, "start");
-        time_t stop = readTime(call, "stop");
-        if (spanTooLong(call, start, stop)) {
-            returnLines(retval, std::nullopt);
-            return;
+        time_t start = 0;
+        time_t stop = 0;
+        if (readSpan(call, retval, &start, &stop)) {
+            returnLines(retval, simulateSchedules(*call.service, start, stop));
         }
-        returnLines(retval, simulateSchedules(*call.service, start, stop));
     });
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "orv/string.h"
 
 namespace {
 
@@ -18,27 +17,23 @@ entry_kind_t kindOf(const schedule_entry_t& entry) {
     return entry.begin == entry.end ? entry_kind_t::event : entry_kind_t::state;
 }
 
-// Why an entry cannot stand in a schedule whose earlier entries are of the
-// given kind, or nothing when it can. Updates the kind.
-std::optional<std::string> entryProblem(const schedule_entry_t& entry, std::uint32_t boundary,
-                                        std::span<const std::string> states, entry_kind_t* kind) {
-    const entry_kind_t own = kindOf(entry);
-    if (*kind != entry_kind_t::none && *kind != own) {
-        return "Mixed event/state schedules are not allowed";
+// The rule an entry breaks on its own, given the kind of the first entry.
+std::optional<breach_t::rule_t> entryBreach(const schedule_entry_t& entry, entry_kind_t first,
+                                            std::uint32_t boundary,
+                                            std::span<const std::string> states) {
+    if (kindOf(entry) != first) {
+        return breach_t::mixed;
     }
-    if (own == entry_kind_t::state && signedOffset(entry.end) < signedOffset(entry.begin)) {
-        return "end starts before begin...";
+    if (first == entry_kind_t::state && signedOffset(entry.end) < signedOffset(entry.begin)) {
+        return breach_t::reversed;
     }
-    *kind = own;
     // Unsigned on purpose: negative offsets exceed every limit but that of
     // "Once", which is -1 and so the largest unsigned number.
     if (entry.begin > boundary || entry.end > boundary) {
-        return string_format("schedule out of boundary begin=%ld, end=%ld, boundary=%d",
-                             static_cast<long>(entry.begin), static_cast<long>(entry.end),
-                             static_cast<std::int32_t>(boundary));
+        return breach_t::beyond;
     }
     if (!schedule_isState(states, entry.state)) {
-        return "invalid state detected in schedule";
+        return breach_t::unknownState;
     }
     return std::nullopt;
 }
@@ -49,36 +44,40 @@ bool overlaps(const schedule_entry_t& earlier, const schedule_entry_t& later) {
 
 }  // namespace
 
-std::vector<std::size_t> schedule_order(std::span<const schedule_entry_t> entries,
-                                        std::string_view defaultState) {
-    std::vector<std::size_t> kept;
-    kept.reserve(entries.size());
-    // Walking the input backwards and sorting stably puts the later of two
-    // equal begins first.
-    for (std::size_t i = entries.size(); i-- > 0;) {
-        if (entries[i].state != defaultState) {
-            kept.push_back(i);
-        }
+std::vector<std::size_t> schedule_order(std::span<const schedule_entry_t> entries) {
+    std::vector<std::size_t> order(entries.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        order[i] = i;
     }
-    std::stable_sort(kept.begin(), kept.end(), [&](std::size_t a, std::size_t b) {
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
         return signedOffset(entries[a].begin) < signedOffset(entries[b].begin);
     });
-    return kept;
+    return order;
 }
 
-std::optional<std::string> schedule_verify(std::span<const schedule_entry_t> ordered, int base,
-                                           std::span<const std::string> states) {
+std::vector<schedule_entry_t> schedule_searched(std::span<const schedule_entry_t> ordered,
+                                                std::string_view defaultState) {
+    std::vector<schedule_entry_t> searched;
+    searched.reserve(ordered.size());
+    for (const schedule_entry_t& entry : ordered) {
+        if (kindOf(entry) == entry_kind_t::event || entry.state != defaultState) {
+            searched.push_back(entry);
+        }
+    }
+    return searched;
+}
+
+std::optional<breach_t> schedule_verify(std::span<const schedule_entry_t> ordered, int base,
+                                        std::span<const std::string> states) {
     const auto boundary = static_cast<std::uint32_t>(time_getMaxBoundary(base));
-    entry_kind_t kind = entry_kind_t::none;
+    const entry_kind_t first = ordered.empty() ? entry_kind_t::none : kindOf(ordered.front());
     for (std::size_t i = 0; i < ordered.size(); ++i) {
-        if (std::optional<std::string> problem =
-                entryProblem(ordered[i], boundary, states, &kind)) {
-            return problem;
+        if (std::optional<breach_t::rule_t> rule =
+                entryBreach(ordered[i], first, boundary, states)) {
+            return breach_t{*rule, i, 0};
         }
         if (i + 1 < ordered.size() && overlaps(ordered[i], ordered[i + 1])) {
-            return string_format("overlapping detected: entries at %ld and %ld",
-                                 static_cast<long>(signedOffset(ordered[i].begin)),
-                                 static_cast<long>(signedOffset(ordered[i + 1].begin)));
+            return breach_t{breach_t::overlap, i, i + 1};
         }
     }
     return std::nullopt;

@@ -94,14 +94,16 @@ bool reproduces(std::span<const schedule_entry_t> entries, const entrylist_form_
     return true;
 }
 
-// Every element as a record, in input order; nullopt at the first that is
-// not an entry map.
-std::optional<std::vector<schedule_entry_t>> records(const variant_list_t& maps) {
+// Every element as a record, in input order; at the first that is not an
+// entry map, its position.
+std::optional<std::vector<schedule_entry_t>> records(const variant_list_t& maps,
+                                                     std::size_t* bad) {
     std::vector<schedule_entry_t> all;
     all.reserve(maps.size());
     for (const variant_t& element : maps) {
         std::unique_ptr<schedule_entry_t> entry = variant2schedule_entry_t(&element);
         if (!entry) {
+            *bad = all.size();
             return std::nullopt;
         }
         all.push_back(std::move(*entry));
@@ -109,35 +111,45 @@ std::optional<std::vector<schedule_entry_t>> records(const variant_list_t& maps)
     return all;
 }
 
+// How the ordered entries are given back: rebuilt from the records when the
+// maps follow one form, else the maps themselves in order.
+entry_form_t formFor(const variant_list_t& maps, const parsed_entries_t& parsed) {
+    entry_form_t form;
+    if (parsed.order.empty()) {
+        form.form = entrylist_form_t{};
+        return form;
+    }
+    form.form = formOf(maps[parsed.order.front()]);
+    if (form.form && reproduces(parsed.entries, *form.form, maps, parsed.order)) {
+        return form;
+    }
+    form.form.reset();
+    auto given = std::make_shared<variant_list_t>();
+    given->reserve(parsed.order.size());
+    for (std::size_t at : parsed.order) {
+        given->push_back(maps[at]);
+    }
+    form.given = std::move(given);
+    return form;
+}
+
 }  // namespace
 
-std::optional<parsed_entries_t> entries_parse(const variant_list_t& maps,
-                                              std::string_view defaultState) {
-    std::optional<std::vector<schedule_entry_t>> all = records(maps);
+entries_result_t entries_parse(const variant_list_t& maps) {
+    entries_result_t result;
+    std::optional<std::vector<schedule_entry_t>> all = records(maps, &result.badElement);
     if (!all) {
-        return std::nullopt;
+        return result;
     }
-    const std::vector<std::size_t> order = schedule_order(*all, defaultState);
     parsed_entries_t parsed;
-    parsed.entries.reserve(order.size());
-    for (std::size_t at : order) {
+    parsed.order = schedule_order(*all);
+    parsed.entries.reserve(parsed.order.size());
+    for (std::size_t at : parsed.order) {
         parsed.entries.push_back(std::move((*all)[at]));
     }
-    if (order.empty()) {
-        parsed.form.form = entrylist_form_t{};
-        return parsed;
-    }
-    parsed.form.form = formOf(maps[order.front()]);
-    if (!parsed.form.form || !reproduces(parsed.entries, *parsed.form.form, maps, order)) {
-        parsed.form.form.reset();
-        auto given = std::make_shared<variant_list_t>();
-        given->reserve(order.size());
-        for (std::size_t at : order) {
-            given->push_back(maps[at]);
-        }
-        parsed.form.given = std::move(given);
-    }
-    return parsed;
+    parsed.form = formFor(maps, parsed);
+    result.parsed = std::move(parsed);
+    return result;
 }
 
 std::shared_ptr<const variant_list_t> entries_maps(std::span<const schedule_entry_t> entries,

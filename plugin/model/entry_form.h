@@ -37,15 +37,20 @@ struct entry_form_t {
 };
 
 struct parsed_entries_t {
-    // Ordered by begin, without the entries that set the default state.
+    // Every entry as written, ordered by begin.
     std::vector<schedule_entry_t> entries;
+    // The position in the list as sent of each entry.
+    std::vector<std::size_t> order;
     entry_form_t form;
 };
 
-// Parses and orders the entry maps of a schedule whose default state is
-// defaultState; nullopt when an element is not an entry map.
-std::optional<parsed_entries_t> entries_parse(const variant_list_t& maps,
-                                              std::string_view defaultState);
+// Parses and orders the entry maps of a schedule. When an element is not an
+// entry map, its position in the list.
+struct entries_result_t {
+    std::optional<parsed_entries_t> parsed;
+    std::size_t badElement = 0;
+};
+entries_result_t entries_parse(const variant_list_t& maps);
 // The entry maps as they were given to entries_parse, in order.
 std::shared_ptr<const variant_list_t> entries_maps(std::span<const schedule_entry_t> entries,
                                                    const entry_form_t& form);

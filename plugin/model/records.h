@@ -36,6 +36,9 @@ struct schedule_status_t {
 struct schedule_record_t {
     std::string id;
     schedule_spec_t spec;
+    // Every entry as written, ordered by begin, when the search reads fewer
+    // (spans in the default state); empty when it reads them all.
+    std::vector<schedule_entry_t> written;
     // How the entries were written, to give them back as they came.
     entry_form_t form;
     bool enabled = false;
@@ -63,6 +66,11 @@ inline const std::string* schedule_fixedState(const schedule_record_t& record) {
         return &record.temporaryState;
     }
     return nullptr;
+}
+
+// Every entry of the schedule as written, ordered by begin.
+inline const std::vector<schedule_entry_t>& schedule_written(const schedule_record_t& record) {
+    return record.written.empty() ? record.spec.entries : record.written;
 }
 
 // The state a temporary override holds against the next change, if any.

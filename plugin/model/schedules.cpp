@@ -1,5 +1,6 @@
 #include "schedules.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
@@ -25,10 +26,49 @@ schedule_parse_t refused(std::string reason) {
     return {nullptr, std::move(reason)};
 }
 
-// The texts a schedule must carry; an empty override is allowed and means
-// that no override is set.
-bool hasRequiredTexts(const schedule_t& schedule) {
-    return schedule.ID && schedule.base && schedule.def && schedule.override;
+// The first text a schedule must carry and does not; an empty override is
+// allowed and means that no override is set.
+std::optional<std::string> missingText(const schedule_t& schedule) {
+    const std::pair<const char*, const std::optional<std::string>*> texts[] = {
+        {"ID", &schedule.ID},
+        {"base", &schedule.base},
+        {"def", &schedule.def},
+        {"override", &schedule.override}};
+    for (const auto& [name, text] : texts) {
+        if (!*text) {
+            return name;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string notAState(const std::string& state, const type_record_t& type) {
+    return "state '" + state + "' is not a state of type '" + type.name + "'";
+}
+
+// The sentence that names the entries by their place in the list as sent.
+std::string breachText(const breach_t& breach, const parsed_entries_t& parsed, int base,
+                       const type_record_t& type) {
+    const std::string at = std::to_string(parsed.order[breach.at] + 1);
+    const std::string other = std::to_string(parsed.order[breach.other] + 1);
+    const schedule_entry_t& entry = parsed.entries[breach.at];
+    switch (breach.rule) {
+        case breach_t::mixed:
+            return "entries " + other + " and " + at +
+                   " mix a span and an event: a schedule holds one kind";
+        case breach_t::reversed:
+            return "entry " + at + " ends before it begins";
+        case breach_t::beyond:
+            return "entry " + at + " lies outside the " + time_baseToChar(base) + " period of " +
+                   std::to_string(time_getMaxBoundary(base)) + " s";
+        case breach_t::unknownState:
+            return "entry " + at + ": " + notAState(entry.state, type);
+        case breach_t::overlap:
+            break;
+    }
+    const std::size_t first = std::min(parsed.order[breach.at], parsed.order[breach.other]) + 1;
+    const std::size_t second = std::max(parsed.order[breach.at], parsed.order[breach.other]) + 1;
+    return "entries " + std::to_string(first) + " and " + std::to_string(second) + " overlap";
 }
 
 // Parameters are only written when they differ, so that a publish that
@@ -60,33 +100,37 @@ bool setParameters(object_t* instance, const schedule_record_t& record, std::str
 }  // namespace
 
 schedule_parse_t schedules_parse(const schedule_t& schedule, const type_record_t& type) {
-    if (!hasRequiredTexts(schedule)) {
-        return refused("invalid parameter values");
+    if (std::optional<std::string> missing = missingText(schedule)) {
+        return refused("'" + *missing + "' is missing from the schedule");
     }
     const int base = time_baseToEnum(*schedule.base);
     if (base == time_base_unknown) {
-        return refused("invalid parameter values");
+        return refused("base '" + *schedule.base +
+                       "' is not one of Once, Hourly, Daily, Weekly, Monthly, Yearly");
     }
     if (!schedule_isState(type.stateNames, *schedule.def)) {
-        return refused("Invalid default value(" + *schedule.def + ")");
+        return refused("default " + notAState(*schedule.def, type));
     }
     if (!schedule.override->empty() && !schedule_isState(type.stateNames, *schedule.override)) {
-        return refused("Invalid override value(" + *schedule.override + ")");
+        return refused("override " + notAState(*schedule.override, type));
     }
     const variant_list_t none;
-    std::optional<parsed_entries_t> parsed =
-        entries_parse(schedule.schedule ? *schedule.schedule : none, *schedule.def);
-    if (!parsed) {
-        return refused("error getting schedule entry");
+    entries_result_t entries = entries_parse(schedule.schedule ? *schedule.schedule : none);
+    if (!entries.parsed) {
+        return refused("entry " + std::to_string(entries.badElement + 1) +
+                       " is not a map of state, begin and end");
     }
-    if (std::optional<std::string> problem =
-            schedule_verify(parsed->entries, base, type.stateNames)) {
-        return refused(std::move(*problem));
+    parsed_entries_t& parsed = *entries.parsed;
+    if (std::optional<breach_t> breach = schedule_verify(parsed.entries, base, type.stateNames)) {
+        return refused(breachText(*breach, parsed, base, type));
     }
     auto record = std::make_unique<schedule_record_t>();
     record->id = *schedule.ID;
-    record->spec = {base, std::move(parsed->entries), *schedule.def};
-    record->form = std::move(parsed->form);
+    record->spec = {base, schedule_searched(parsed.entries, *schedule.def), *schedule.def};
+    if (record->spec.entries.size() != parsed.entries.size()) {
+        record->written = std::move(parsed.entries);
+    }
+    record->form = std::move(parsed.form);
     record->enabled = schedule.enable;
     record->override = *schedule.override;
     return {std::move(record), {}};
@@ -170,7 +214,7 @@ schedule_t schedules_read(const object_t* instance, bool complete) {
     out.value = textParameter(instance, "CurrentState");
     const schedule_record_t* record = schedules_record(instance);
     if (complete && record != nullptr) {
-        out.schedule = entries_maps(record->spec.entries, record->form);
+        out.schedule = entries_maps(schedule_written(*record), record->form);
     }
     return out;
 }

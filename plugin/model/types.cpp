@@ -44,9 +44,10 @@ std::vector<std::string> namesOf(const variant_list_t& states) {
     return names;
 }
 
-// True when an entry of a schedule of the type uses a state that newStates
-// drops.
-bool dropsUsedState(const object_t* typeInstance, const variant_list_t& newStates) {
+// Why newStates cannot replace the type's states: an entry of one of its
+// schedules uses a state that newStates drops. Nothing when they can.
+std::optional<std::string> droppedStateInUse(const object_t* typeInstance,
+                                             const variant_list_t& newStates) {
     const type_record_t* record = types_record(typeInstance);
     std::vector<std::string> dropped;
     for (const variant_t& oldState : record->states) {
@@ -54,18 +55,17 @@ bool dropsUsedState(const object_t* typeInstance, const variant_list_t& newState
             dropped.push_back(variant_toChar(&oldState).value_or(""));
         }
     }
-    if (dropped.empty()) {
-        return false;
-    }
-    for (const object_t* schedule : schedules_of(typeInstance)) {
+    for (const object_t* schedule : dropped.empty() ? std::vector<object_t*>{}
+                                                    : schedules_of(typeInstance)) {
         const schedule_record_t* entries = schedules_record(schedule);
-        for (const schedule_entry_t& entry : entries->spec.entries) {
+        for (const schedule_entry_t& entry : schedule_written(*entries)) {
             if (schedule_isState(dropped, entry.state)) {
-                return true;
+                return "state '" + entry.state + "' is used by schedule '" + entries->id +
+                       "' and cannot be dropped";
             }
         }
     }
-    return false;
+    return std::nullopt;
 }
 
 // Non-text states are joined in the text form that the state check compares
@@ -109,21 +109,18 @@ type_record_t* types_record(const object_t* typeInstance) {
 }
 
 object_t* types_register(object_t* scheduler, const std::string& type, const std::string& path,
-                         variant_list_t states) {
+                         variant_list_t states, std::string* reason) {
     object_t* types = typesTemplate(scheduler);
-    if (types == nullptr) {
-        tolvTrace(TRACE_LEVEL_WARNING, "Could not find Types object");
-        return nullptr;
-    }
     object_t* instance = types_find(scheduler, type);
-    if (instance != nullptr && dropsUsedState(instance, states)) {
-        tolvTrace(TRACE_LEVEL_WARNING, "Invalid state in state list detected");
-        return nullptr;
-    }
-    if (instance == nullptr) {
-        instance = object_createInstance(types, -1, type);
+    if (instance != nullptr) {
+        if (std::optional<std::string> inUse = droppedStateInUse(instance, states)) {
+            *reason = std::move(*inUse);
+            return nullptr;
+        }
+    } else {
+        instance = types != nullptr ? object_createInstance(types, -1, type) : nullptr;
         if (instance == nullptr) {
-            tolvTrace(TRACE_LEVEL_WARNING, "Failed to create a new schedule type instance");
+            *reason = "type '" + type + "' could not be made";
             return nullptr;
         }
         object_setUserData(instance, std::make_unique<type_record_t>());

@@ -118,7 +118,9 @@ void dispatch_due(agenda_t<object_t*>& agenda, time_t now, applier_t& applier) {
     while (std::optional<agenda_t<object_t*>::item_t> due = agenda.takeDue(now)) {
         object_t* owner = due->owner;
         schedule_status_t& status = applier.status(owner);
-        if (status.current != due->change.state) {
+        // An event is sent every time, whatever the schedule shows: a feeder
+        // feeds twice, and an "off" event switches off.
+        if (due->change.isEvent || status.current != due->change.state) {
             applier.apply(owner, due->change);
         }
         // Searched from now itself: a change one second later, such as the

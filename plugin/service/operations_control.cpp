@@ -29,10 +29,11 @@ void settle(service_t& service, object_t* instance, const schedule_record_t& rec
     scheduleModified(service, type);
 }
 
-bool enable(service_t& service, const std::string& type, const std::string& id, bool on) {
-    object_t* instance = operations_findSchedule(service, type, id);
+outcome_t enable(service_t& service, const std::string& type, const std::string& id, bool on) {
+    std::string reason;
+    object_t* instance = operations_findSchedule(service, type, id, &reason);
     if (instance == nullptr) {
-        return false;
+        return outcome_t::refused("enableSchedule", std::move(reason));
     }
     schedule_record_t& record = *schedules_record(instance);
     // Switching an active schedule off brings its client to the default.
@@ -48,22 +49,20 @@ bool enable(service_t& service, const std::string& type, const std::string& id, 
         dispatch_unplan(service, instance, record);
     }
     settle(service, instance, record, type);
-    return true;
+    return outcome_t::done();
 }
 
-bool override(service_t& service, const std::string& type, const std::string& id,
-              const std::string& state) {
-    object_t* typeInstance = operations_findType(service, type);
-    if (typeInstance == nullptr) {
-        return false;
-    }
-    if (!state.empty() && !schedule_isState(types_record(typeInstance)->stateNames, state)) {
-        tolvTrace(TRACE_LEVEL_WARNING, "Invalid override value(%s)", state.c_str());
-        return false;
-    }
-    object_t* instance = operations_findSchedule(service, type, id);
+outcome_t override(service_t& service, const std::string& type, const std::string& id,
+                   const std::string& state) {
+    std::string reason;
+    object_t* instance = operations_findSchedule(service, type, id, &reason);
     if (instance == nullptr) {
-        return false;
+        return outcome_t::refused("overrideSchedule", std::move(reason));
+    }
+    if (!state.empty() &&
+        !schedule_isState(types_record(schedules_typeOf(instance))->stateNames, state)) {
+        return outcome_t::refused("overrideSchedule",
+                                  "state '" + state + "' is not a state of type '" + type + "'");
     }
     schedule_record_t& record = *schedules_record(instance);
     record.override = state;
@@ -72,77 +71,78 @@ bool override(service_t& service, const std::string& type, const std::string& id
         resume(service, instance, record);
     }
     settle(service, instance, record, type);
-    return true;
+    return outcome_t::done();
 }
 
-// Why a temporary state may not be set, or null: it is a state of the type,
-// for a schedule that runs on its entries.
-const char* temporaryRefusal(const object_t* typeInstance, const schedule_record_t& record,
-                             const std::string& state) {
-    if (!schedule_isState(types_record(typeInstance)->stateNames, state)) {
-        return "the state is not one of the type's";
+// Why a temporary state may not be set, or nothing: it is a state of the
+// type, for a schedule that runs on its entries.
+std::optional<std::string> temporaryRefusal(const object_t* typeInstance,
+                                            const schedule_record_t& record,
+                                            const std::string& state) {
+    const type_record_t& type = *types_record(typeInstance);
+    if (!schedule_isState(type.stateNames, state)) {
+        return "state '" + state + "' is not a state of type '" + type.name + "'";
     }
     if (!record.enabled) {
-        return "the schedule is disabled";
+        return "schedule '" + record.id + "' is disabled";
     }
     if (!record.override.empty()) {
-        return "the schedule has a permanent override";
+        return "schedule '" + record.id + "' has the permanent override '" + record.override + "'";
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 // A temporary state is not announced; it lasts until the schedule itself next
 // changes the state.
-bool overrideTemporarily(service_t& service, const std::string& type, const std::string& id,
-                         const std::string& state) {
-    object_t* instance = operations_findSchedule(service, type, id);
+outcome_t overrideTemporarily(service_t& service, const std::string& type, const std::string& id,
+                              const std::string& state) {
+    std::string reason;
+    object_t* instance = operations_findSchedule(service, type, id, &reason);
     if (instance == nullptr) {
-        return false;
+        return outcome_t::refused("overrideState", std::move(reason));
     }
     schedule_record_t& record = *schedules_record(instance);
-    if (const char* reason = temporaryRefusal(schedules_typeOf(instance), record, state)) {
-        tolvTrace(TRACE_LEVEL_WARNING, "overrideState %s of %s refused: %s", state.c_str(),
-                  id.c_str(), reason);
-        return false;
+    if (std::optional<std::string> refusal =
+            temporaryRefusal(schedules_typeOf(instance), record, state)) {
+        return outcome_t::refused("overrideState", std::move(*refusal));
     }
     record.temporaryState = state;
     record.status.temporary = true;
     record.status.current = state;
     const bool planned = dispatch_plan(service, instance, record, service_now());
-    if (planned) {
-        orv_plugin_setStateRPC(service, instance, record, state);
-    }
+    orv_plugin_setStateRPC(service, instance, record, state);
     schedules_publish(instance, record);
-    dispatch_run(service, false);
-    return planned;
+    if (planned) {
+        dispatch_run(service, false);
+    }
+    return outcome_t::done();
 }
 
 }  // namespace
 
-bool enableSchedule(service_t& service, const std::optional<std::string>& type,
-                    const std::optional<std::string>& id, bool enabled) {
-    if (!type || !id) {
-        tolvTrace(TRACE_LEVEL_WARNING, "enableSchedule: type and ID are needed");
-        return false;
+outcome_t enableSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
+                         std::optional<bool> enabled) {
+    const char* missing = !type ? "type" : !id ? "ID" : !enabled ? "enable" : nullptr;
+    if (missing != nullptr) {
+        return outcome_t::refused(__func__, outcome_missing(missing));
     }
-    return enable(service, *type, *id, enabled);
+    return enable(service, *type, *id, *enabled);
 }
 
-bool overrideSchedule(service_t& service, const std::optional<std::string>& type,
-                      const std::optional<std::string>& id,
-                      const std::optional<std::string>& state) {
-    if (!type || !id || !state) {
-        tolvTrace(TRACE_LEVEL_WARNING, "overrideSchedule: type, ID and override are needed");
-        return false;
+outcome_t overrideSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
+                           const text_arg_t& state) {
+    const char* missing = !type ? "type" : !id ? "ID" : !state ? "override" : nullptr;
+    if (missing != nullptr) {
+        return outcome_t::refused(__func__, outcome_missing(missing));
     }
     return override(service, *type, *id, *state);
 }
 
-bool overrideState(service_t& service, const std::optional<std::string>& type,
-                   const std::optional<std::string>& id, const std::optional<std::string>& state) {
-    if (!type || !id || !state) {
-        tolvTrace(TRACE_LEVEL_WARNING, "overrideState: type, ID and State are needed");
-        return false;
+outcome_t overrideState(service_t& service, const text_arg_t& type, const text_arg_t& id,
+                        const text_arg_t& state) {
+    const char* missing = !type ? "type" : !id ? "ID" : !state ? "State" : nullptr;
+    if (missing != nullptr) {
+        return outcome_t::refused(__func__, outcome_missing(missing));
     }
     return overrideTemporarily(service, *type, *id, *state);
 }

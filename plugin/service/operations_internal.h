@@ -5,14 +5,17 @@
 #include <string>
 #include <string_view>
 
+#include "outcome.h"
 #include "records.h"
 #include "service.h"
 
-// The type instance, or null with a trace.
-object_t* operations_findType(service_t& service, const std::string& type);
-// The schedule instance, or null with a trace.
+// The sentence for a type that is not registered.
+std::string operations_noType(const std::string& type);
+// The type instance, or null with the reason.
+object_t* operations_findType(service_t& service, const std::string& type, std::string* reason);
+// The schedule instance, or null with the reason.
 object_t* operations_findSchedule(service_t& service, const std::string& type,
-                                  const std::string& id);
+                                  const std::string& id, std::string* reason);
 // Makes the instance of a checked schedule, tells its client the state it
 // holds now (a disabled schedule of a registration tells nothing), plans its
 // next change and publishes it. The ID must be free. False when the instance

@@ -29,20 +29,24 @@ void removeInstance(service_t& service, object_t* instance) {
 
 }  // namespace
 
-object_t* operations_findType(service_t& service, const std::string& type) {
+std::string operations_noType(const std::string& type) {
+    return "type '" + type + "' is not registered";
+}
+
+object_t* operations_findType(service_t& service, const std::string& type, std::string* reason) {
     object_t* typeInstance = types_find(service.scheduler, type);
     if (typeInstance == nullptr) {
-        tolvTrace(TRACE_LEVEL_WARNING, "Type %s not found", type.c_str());
+        *reason = operations_noType(type);
     }
     return typeInstance;
 }
 
 object_t* operations_findSchedule(service_t& service, const std::string& type,
-                                  const std::string& id) {
-    object_t* typeInstance = operations_findType(service, type);
+                                  const std::string& id, std::string* reason) {
+    object_t* typeInstance = operations_findType(service, type, reason);
     object_t* instance = typeInstance ? schedules_find(typeInstance, id) : nullptr;
     if (typeInstance != nullptr && instance == nullptr) {
-        tolvTrace(TRACE_LEVEL_WARNING, "ID %s not found in type %s", id.c_str(), type.c_str());
+        *reason = "type '" + type + "' has no schedule '" + id + "'";
     }
     return instance;
 }
@@ -74,53 +78,57 @@ bool operations_start(service_t& service, object_t* typeInstance,
     return true;
 }
 
-bool addSchedule(service_t& service, const std::optional<std::string>& type,
-                 const schedule_t* schedule) {
-    if (!type || schedule == nullptr || !schedule->schedule) {
-        tolvTrace(TRACE_LEVEL_WARNING, "invalid parameter values");
-        return false;
+outcome_t addSchedule(service_t& service, const text_arg_t& type, const schedule_t* schedule) {
+    if (!type) {
+        return outcome_t::refused(__func__, outcome_missing("type"));
     }
-    object_t* typeInstance = operations_findType(service, *type);
+    std::string reason;
+    object_t* typeInstance = operations_findType(service, *type, &reason);
     if (typeInstance == nullptr) {
-        return false;
+        return outcome_t::refused(__func__, std::move(reason));
+    }
+    if (schedule == nullptr) {
+        return outcome_t::refused(
+            __func__,
+            "'info' is missing or is not a schedule with ID, enable, base, def and override");
+    }
+    if (!schedule->schedule) {
+        return outcome_t::refused(__func__, "'schedule' is missing from the schedule");
     }
     // Checked completely before anything changes: a refused replacement
     // leaves the schedule it would have replaced as it was.
     schedule_parse_t parsed = schedules_parse(*schedule, *types_record(typeInstance));
     if (!parsed.record) {
-        tolvTrace(TRACE_LEVEL_WARNING, "Schedule %s of type %s refused: %s",
-                  schedule->ID.value_or("").c_str(), type->c_str(), parsed.reason.c_str());
-        return false;
+        return outcome_t::refused(__func__, std::move(parsed.reason));
     }
     if (object_t* replaced = schedules_find(typeInstance, parsed.record->id)) {
         removeInstance(service, replaced);
     }
+    const std::string id = parsed.record->id;
     if (!operations_start(service, typeInstance, std::move(parsed.record), *schedule->base,
                           false)) {
-        return false;
+        return outcome_t::refused(__func__, "schedule '" + id + "' could not be made");
     }
     scheduleModified(service, *type);
-    return true;
+    return outcome_t::done();
 }
 
-bool removeSchedules(service_t& service, const std::optional<std::string>& type,
-                     const std::optional<variant_list_t>& ids) {
+outcome_t removeSchedules(service_t& service, const text_arg_t& type,
+                          const std::optional<variant_list_t>& ids) {
     if (!type) {
-        tolvTrace(TRACE_LEVEL_WARNING, "removeSchedules: type is needed");
-        return false;
+        return outcome_t::refused(__func__, outcome_missing("type"));
     }
     object_t* typeInstance = types_find(service.scheduler, *type);
     if (!ids && typeInstance == nullptr) {
-        tolvTrace(TRACE_LEVEL_WARNING, "Type %s not found", type->c_str());
-        return false;
+        return outcome_t::refused(__func__, operations_noType(*type));
     }
     std::vector<object_t*> removed;
     if (!ids) {
         removed = schedules_of(typeInstance);
     } else if (typeInstance != nullptr) {
         for (const variant_t& element : *ids) {
-            if (object_t* instance =
-                    schedules_find(typeInstance, variant_char(&element).value_or(""))) {
+            const std::string id = variant_char(&element).value_or("");
+            if (object_t* instance = schedules_find(typeInstance, id)) {
                 removed.push_back(instance);
             }
         }
@@ -130,28 +138,37 @@ bool removeSchedules(service_t& service, const std::optional<std::string>& type,
     }
     dispatch_run(service, false);
     scheduleModified(service, *type);
-    return true;
+    return outcome_t::done();
 }
 
-bool getSchedules(service_t& service, const std::optional<std::string>& type, variant_list_t* list,
-                  bool complete) {
-    object_t* typeInstance = type ? operations_findType(service, *type) : nullptr;
+outcome_t getSchedules(service_t& service, const text_arg_t& type, variant_list_t* list,
+                       bool complete) {
+    if (!type) {
+        return outcome_t::refused(__func__, outcome_missing("type"));
+    }
+    std::string reason;
+    object_t* typeInstance = operations_findType(service, *type, &reason);
     if (typeInstance == nullptr) {
-        return false;
+        return outcome_t::refused(__func__, std::move(reason));
     }
     for (const object_t* instance : schedules_of(typeInstance)) {
         const schedule_t record = schedules_read(instance, complete);
         std::optional<variant_t> map = schedule_t2variant(&record);
         variant_list_add(list, map ? &*map : nullptr);
     }
-    return true;
+    return outcome_t::done();
 }
 
-std::optional<schedule_t> getSchedule(service_t& service, const std::optional<std::string>& type,
-                                      const std::optional<std::string>& id) {
-    object_t* instance = type && id ? operations_findSchedule(service, *type, *id) : nullptr;
-    if (instance == nullptr) {
-        return std::nullopt;
+outcome_t getSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
+                      schedule_t* out) {
+    if (!type || !id) {
+        return outcome_t::refused(__func__, outcome_missing(type ? "ID" : "type"));
     }
-    return schedules_read(instance, true);
+    std::string reason;
+    object_t* instance = operations_findSchedule(service, *type, *id, &reason);
+    if (instance == nullptr) {
+        return outcome_t::refused(__func__, std::move(reason));
+    }
+    *out = schedules_read(instance, true);
+    return outcome_t::done();
 }

@@ -1,20 +1,19 @@
 // The simulation operations.
 #include "operations.h"
+#include "operations_internal.h"
 #include "schedules.h"
 #include "simulation.h"
 #include "types.h"
 
-std::optional<variant_list_t> simulateSchedule(service_t& service,
-                                               const std::optional<std::string>& type,
-                                               const std::optional<std::string>& id, time_t start,
-                                               time_t stop) {
+outcome_t simulateSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
+                           time_t start, time_t stop, variant_list_t* lines) {
     if (!type || !id) {
-        tolvTrace(TRACE_LEVEL_WARNING, "simulateSchedule: type and ID are needed");
-        return std::nullopt;
+        return outcome_t::refused(__func__, outcome_missing(type ? "ID" : "type"));
     }
-    object_t* typeInstance = types_find(service.scheduler, *type);
-    const object_t* instance = typeInstance ? schedules_find(typeInstance, *id) : nullptr;
-    return simulation_schedule(instance, start, stop);
+    std::string reason;
+    const object_t* instance = operations_findSchedule(service, *type, *id, &reason);
+    *lines = simulation_schedule(instance, start, stop);
+    return instance != nullptr ? outcome_t::done() : outcome_t::refused(__func__, reason);
 }
 
 variant_list_t simulateSchedules(service_t& service, time_t start, time_t stop) {

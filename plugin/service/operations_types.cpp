@@ -33,22 +33,23 @@ void addRegisteredSchedules(service_t& service, object_t* typeInstance,
 
 }  // namespace
 
-bool registerScheduleType(service_t& service, const std::optional<std::string>& type,
-                          const std::optional<std::string>& path,
-                          std::optional<variant_list_t> states,
-                          const std::optional<variant_list_t>& schedules) {
-    if (!type || !path || !states) {
-        tolvTrace(TRACE_LEVEL_WARNING, "registerScheduleType: type, path and states are needed");
-        return false;
+outcome_t registerScheduleType(service_t& service, const text_arg_t& type, const text_arg_t& path,
+                               std::optional<variant_list_t> states,
+                               const std::optional<variant_list_t>& schedules) {
+    const char* missing = !type ? "type" : !path ? "path" : !states ? "states" : nullptr;
+    if (missing != nullptr) {
+        return outcome_t::refused(__func__, outcome_missing(missing));
     }
     // A type registered again keeps its schedules; its owner restarted, so
     // each of them tells the client its present state once. Schedules that
     // come with the call tell it when they are added.
     object_t* existing = types_find(service.scheduler, *type);
     std::vector<object_t*> kept = existing ? schedules_of(existing) : std::vector<object_t*>{};
-    object_t* typeInstance = types_register(service.scheduler, *type, *path, std::move(*states));
+    std::string reason;
+    object_t* typeInstance =
+        types_register(service.scheduler, *type, *path, std::move(*states), &reason);
     if (typeInstance == nullptr) {
-        return false;
+        return outcome_t::refused(__func__, std::move(reason));
     }
     if (service.synchronized) {
         dispatch_reassert(service, kept, service_now());
@@ -56,20 +57,24 @@ bool registerScheduleType(service_t& service, const std::optional<std::string>& 
     if (schedules) {
         addRegisteredSchedules(service, typeInstance, *schedules);
     }
-    return true;
+    return outcome_t::done();
 }
 
-bool unregisterScheduleType(service_t& service, const std::optional<std::string>& type) {
-    object_t* typeInstance = type ? operations_findType(service, *type) : nullptr;
+outcome_t unregisterScheduleType(service_t& service, const text_arg_t& type) {
+    if (!type) {
+        return outcome_t::refused(__func__, outcome_missing("type"));
+    }
+    std::string reason;
+    object_t* typeInstance = operations_findType(service, *type, &reason);
     if (typeInstance == nullptr) {
-        return false;
+        return outcome_t::refused(__func__, std::move(reason));
     }
     // The type takes its schedules with it, and their planned changes go.
     for (object_t* instance : schedules_of(typeInstance)) {
         dispatch_unplan(service, instance, *schedules_record(instance));
     }
     types_delete(typeInstance);
-    return true;
+    return outcome_t::done();
 }
 
 std::vector<std::string> getScheduleTypes(service_t& service) {

@@ -202,28 +202,36 @@ TEST(Schedules, SameIdReplacesTheSchedule) {
     EXPECT_EQ(host.setStateCalls().size(), 9u);
 }
 
-// A schedule and the trace that names the reason it is refused.
+// A schedule and the reason its refusal gives, which names the entries by
+// their place in the list as sent.
 const std::vector<std::pair<std::string, const char*>> kRefusals = {
-    {scheduleJson("s1", "daily", {{0, 3600, "on"}}), "invalid parameter values"},
-    {scheduleJson("s1", "Daily", {{0, 3600, "on"}}, "dim"), "Invalid default value(dim)"},
-    {scheduleJson("s1", "Daily", {{0, 3600, "on"}}, "off", "dim"), "Invalid override value(dim)"},
-    {scheduleJson("s1", "Daily", {{0, 3600, "On"}}), "invalid state detected"},
-    {scheduleJson("s1", "Daily", {{100, 200, "eco"}, {0, 101, "on"}}), "overlapping detected"},
+    {scheduleJson("s1", "daily", {{0, 3600, "on"}}),
+     "base 'daily' is not one of Once, Hourly, Daily, Weekly, Monthly, Yearly"},
+    {scheduleJson("s1", "Daily", {{0, 3600, "on"}}, "dim"),
+     "default state 'dim' is not a state of type 'Light'"},
+    {scheduleJson("s1", "Daily", {{0, 3600, "on"}}, "off", "dim"),
+     "override state 'dim' is not a state of type 'Light'"},
+    {scheduleJson("s1", "Daily", {{0, 3600, "On"}}),
+     "entry 1: state 'On' is not a state of type 'Light'"},
+    {scheduleJson("s1", "Daily", {{100, 200, "eco"}, {0, 101, "on"}}), "entries 1 and 2 overlap"},
     {scheduleJson("s1", "Daily", {{0, 10, "on"}, {20, 20, "eco"}}),
-     "Mixed event/state schedules are not allowed"},
-    {scheduleJson("s1", "Daily", {{100, 50, "on"}}), "end starts before begin"},
+     "entries 1 and 2 mix a span and an event: a schedule holds one kind"},
+    {scheduleJson("s1", "Daily", {{100, 50, "on"}}), "entry 1 ends before it begins"},
     {scheduleJson("s1", "Daily", {{0, 86401, "on"}}),
-     "schedule out of boundary begin=0, end=86401, boundary=86400"},
-    {scheduleJson("s1", "Hourly", {{3000, 3601, "on"}}),
-     "schedule out of boundary begin=3000, end=3601, boundary=3600"},
+     "entry 1 lies outside the Daily period of 86400 s"},
+    {scheduleJson("s1", "Hourly", {{0, 60, "on"}, {3000, 3601, "on"}}),
+     "entry 2 lies outside the Hourly period of 3600 s"},
 };
 
-TEST(SchedulesRefused, EachRefusalReturnsFalseAndLeavesNothing) {
+TEST(SchedulesRefused, EachRefusalSaysWhyAndLeavesNothing) {
     for (const auto& [info, reason] : kRefusals) {
         SCOPED_TRACE(reason);
         virtual_host_t host;
         ASSERT_EQ(registerType(host), true);
-        EXPECT_EQ(addSchedule(host, info), false);
+        const std::string expected = std::string(R"(false {"error":")") + reason + R"(",)";
+        EXPECT_EQ(answer(host, "addSchedule", R"({"type":"Light","info":)" + info + "}")
+                      .substr(0, expected.size()),
+                  expected);
         EXPECT_TRUE(host.traced(reason));
         EXPECT_EQ(host.object(kS1), nullptr);
         host.advance(86400);
@@ -237,6 +245,7 @@ TEST(SchedulesRefused, EachRefusalReturnsFalseAndLeavesNothing) {
 const std::string kS1Info = R"({"ID":"s1","enable":true,"base":"Daily","def":"off","override":"",)"
                             R"("value":"off")";
 const std::string kS1Entries = R"(,"schedule":[{"state":"eco","begin":0,"end":1800},)"
+                               R"({"state":"off","begin":3600,"end":7200},)"
                                R"({"state":"on","begin":64800,"end":82800}]})";
 // s3 was told its default when its type was registered again.
 const std::string kS3Info =
@@ -249,15 +258,18 @@ const std::vector<std::tuple<const char*, const char*, std::string>> kQueries = 
          R"(,"schedule":[{"state":"on","begin":0,"end":1800}]}],"type":"Light"})"},
     {"getSchedule", R"({"type":"Light","ID":"s1"})",
      R"(true {"scheduleInfo":)" + kS1Info + kS1Entries + R"(,"type":"Light","ID":"s1"})"},
-    {"getSchedule", R"({"type":"Light","ID":"S1"})", R"(false {"type":"Light","ID":"S1"})"},
-    {"getSchedule", R"({"type":"Light","ID":"h1"})", R"(false {"type":"Light","ID":"h1"})"},
-    {"getSchedule", R"({"type":"Dimmer","ID":"s1"})", R"(false {"type":"Dimmer","ID":"s1"})"},
+    {"getSchedule", R"({"type":"Light","ID":"S1"})",
+     R"(false {"error":"type 'Light' has no schedule 'S1'","type":"Light","ID":"S1"})"},
+    {"getSchedule", R"({"type":"Light","ID":"h1"})",
+     R"(false {"error":"type 'Light' has no schedule 'h1'","type":"Light","ID":"h1"})"},
+    {"getSchedule", R"({"type":"Dimmer","ID":"s1"})",
+     R"(false {"error":"type 'Dimmer' is not registered","type":"Dimmer","ID":"s1"})"},
     {"getSchedule", R"({"type":"Heater","ID":"h1"})",
      R"(true {"scheduleInfo":{"ID":"h1","enable":false,"base":"Hourly","def":"off",)"
      R"("override":"","value":"","schedule":[{"state":"on","begin":0,"end":60}]},)"
      R"("type":"Heater","ID":"h1"})"},
     {"getSchedules", R"({"type":"Dimmer","scheduleInfo":[{"ID":"x"}]})",
-     R"(false {"scheduleInfo":[],"type":"Dimmer"})"},
+     R"(false {"error":"type 'Dimmer' is not registered","scheduleInfo":[],"type":"Dimmer"})"},
     {"getScheduleTypes", "{}", R"(true {"types":["Light","Heater"]})"},
 };
 
@@ -279,7 +291,7 @@ TEST(Schedules, RegistrationReadBackAndUnregistration) {
 
     // Registering again replaces the states and the path. s1 switches on, so
     // "on" may not go, and the schedule s4 of the refused call is not added;
-    // "off" is only s1's default, which the check leaves alone.
+    // s1's entry in its default state "off" counts like any other entry.
     const auto states = [&host] {
         return variant_char(host.parameter("Scheduler.Types.Light", "States"));
     };
@@ -290,8 +302,9 @@ TEST(Schedules, RegistrationReadBackAndUnregistration) {
         false);
     EXPECT_EQ(states(), "on,off,eco,dim");
     EXPECT_EQ(host.object("Scheduler.Types.Light.Schedules.s4"), nullptr);
-    EXPECT_EQ(registerType(host, "", R"("on","eco","dim")", "Device.Lamp"), true);
-    EXPECT_EQ(states(), "on,eco,dim");
+    EXPECT_EQ(registerType(host, "", R"("on","eco","dim")", "Device.Lamp"), false);
+    EXPECT_EQ(registerType(host, "", R"("on","off","eco","dim")", "Device.Lamp"), true);
+    EXPECT_EQ(states(), "on,off,eco,dim");
     host.advanceTo(1700002800);
     EXPECT_EQ(changes(host).back(), "2023-11-14T23:00:00Z off");
     EXPECT_EQ(host.setStateCalls().back().path, "Device.Lamp");
