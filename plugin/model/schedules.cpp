@@ -103,6 +103,10 @@ schedule_parse_t schedules_parse(const schedule_t& schedule, const type_record_t
     if (std::optional<std::string> missing = missingText(schedule)) {
         return refused("'" + *missing + "' is missing from the schedule");
     }
+    // The ID is the key of the schedule's instance and an element of its path.
+    if (schedule.ID->empty() || schedule.ID->find('.') != std::string::npos) {
+        return refused("ID '" + *schedule.ID + "' may be neither empty nor hold a dot");
+    }
     const int base = time_baseToEnum(*schedule.base);
     if (base == time_base_unknown) {
         return refused("base '" + *schedule.base +

@@ -94,6 +94,8 @@ const char* const kOverlapping =
 const parse_row_t kParseRows[] = {
     {nullptr, "Daily", "off", "", nullptr, "'ID' is missing from the schedule"},
     {"a", "Daily", "off", nullptr, nullptr, "'override' is missing from the schedule"},
+    {"a.b", "Daily", "off", "", nullptr, "ID 'a.b' may be neither empty nor hold a dot"},
+    {"", "Daily", "off", "", nullptr, "ID '' may be neither empty nor hold a dot"},
     {"a", "daily", "off", "", nullptr,
      "base 'daily' is not one of Once, Hourly, Daily, Weekly, Monthly, Yearly"},
     {"a", "Daily", "bogus", "", nullptr, "default state 'bogus' is not a state of type 'Light'"},
