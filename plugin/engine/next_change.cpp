@@ -37,9 +37,41 @@ std::int64_t endOf(const schedule_entry_t& entry) {
     return static_cast<std::int32_t>(entry.end);
 }
 
+// A period of the search, counted from the reference time: Monthly and
+// Yearly periods each have their calendar length, the others all have the
+// base's.
+struct period_t {
+    std::int64_t start = 0;
+    std::int64_t length = 0;
+};
+
+bool isCalendar(const search_t& search) {
+    return search.base == time_base_monthly || search.base == time_base_yearly;
+}
+
+period_t periodAfter(const search_t& search, const period_t& period) {
+    if (!isCalendar(search)) {
+        return {period.start + search.period, search.period};
+    }
+    const std::int64_t start = period.start + period.length;
+    const auto at = static_cast<time_t>(search.ref + start);
+    return {start, time_getPeriodLength(search.base, at, at)};
+}
+
+// A calendar period may lack an entry's day (the 30th in February): the
+// entry does not occur in it, and a span that runs past its end stops there.
+bool occursIn(const search_t& search, const schedule_entry_t& entry, const period_t& period) {
+    return !isCalendar(search) || beginOf(entry) < period.length;
+}
+
+std::int64_t endIn(const search_t& search, const schedule_entry_t& entry, const period_t& period) {
+    const std::int64_t end = endOf(entry);
+    return period.start + (isCalendar(search) && end > period.length ? period.length : end);
+}
+
 // Run following reads the bound unsigned: "Once" has -1, no limit at all.
-bool belowRunBound(const search_t& search, std::int64_t runEnd) {
-    return search.base == time_base_once || runEnd < search.period;
+bool belowRunBound(const search_t& search, const period_t& period, std::int64_t runEnd) {
+    return search.base == time_base_once || runEnd < period.start + period.length;
 }
 
 // Where a run that ended at runEnd goes next: a gap falls back to the
@@ -56,54 +88,58 @@ std::optional<found_t> runStep(const search_t& search, const schedule_entry_t& f
     return std::nullopt;
 }
 
-// The run that starts with entry e continues while entries follow without a
-// gap and with the same state; the change is at the run's end. shift places
-// the run in a later period. nullopt: the whole period is one run.
-std::optional<found_t> followRun(const search_t& search, std::size_t e, std::int64_t shift) {
+// The run that starts with entry e of a period continues while entries
+// follow without a gap and with the same state, into the next period too;
+// the change is at the run's end. nullopt: the whole period is one run.
+std::optional<found_t> followRun(const search_t& search, std::size_t e, const period_t& period) {
     const schedule_entry_t& first = search.entries[e];
-    std::int64_t runEnd = shift + endOf(first);
-    for (std::size_t f = e + 1; f < search.entries.size() && belowRunBound(search, runEnd); ++f) {
+    std::int64_t runEnd = endIn(search, first, period);
+    for (std::size_t f = e + 1;
+         f < search.entries.size() && belowRunBound(search, period, runEnd) &&
+         occursIn(search, search.entries[f], period);
+         ++f) {
         const schedule_entry_t& next = search.entries[f];
-        if (auto found = runStep(search, first, next, shift + beginOf(next), runEnd)) {
+        if (auto found = runStep(search, first, next, period.start + beginOf(next), runEnd)) {
             return found;
         }
-        runEnd = shift + endOf(next);
+        runEnd = endIn(search, next, period);
     }
+    const period_t later = periodAfter(search, period);
     for (const schedule_entry_t& next : search.entries) {
-        const std::int64_t later = shift + search.period;
-        if (auto found = runStep(search, first, next, later + beginOf(next), runEnd)) {
+        if (!occursIn(search, next, later)) {
+            break;
+        }
+        if (auto found = runStep(search, first, next, later.start + beginOf(next), runEnd)) {
             return found;
         }
-        runEnd = later + endOf(next);
+        runEnd = endIn(search, next, later);
     }
     return std::nullopt;
 }
 
-// The first change after rel in the period that starts at shift: the next
-// begin, or the end of the run in force at rel. Later periods follow while
-// nothing is found.
-std::optional<found_t> periodSearch(const search_t& search, std::int64_t shift, int depth) {
-    if (depth > kMaxPeriodShifts) {
+// The first change after rel in a period: the next begin, or the end of the
+// run in force at rel. Later periods follow while nothing is found.
+std::optional<found_t> periodSearch(const search_t& search, const period_t& period, int depth) {
+    if (depth > kMaxPeriodShifts || search.entries.empty()) {
         return std::nullopt;
     }
     for (std::size_t x = 0; x < search.entries.size(); ++x) {
         const schedule_entry_t& entry = search.entries[x];
-        if (search.rel < shift + beginOf(entry)) {
-            return found_t{shift + beginOf(entry), entry.state, beginOf(entry) == endOf(entry)};
+        if (!occursIn(search, entry, period)) {
+            break;
         }
-        if (search.rel < shift + endOf(entry)) {
-            if (std::optional<found_t> found = followRun(search, x, shift)) {
+        const std::int64_t begin = period.start + beginOf(entry);
+        if (search.rel < begin) {
+            return found_t{begin, entry.state, beginOf(entry) == endOf(entry)};
+        }
+        if (search.rel < endIn(search, entry, period)) {
+            if (std::optional<found_t> found = followRun(search, x, period)) {
                 return found;
             }
-            return periodSearch(search, shift + search.period, depth + 1);
+            break;
         }
     }
-    // Past every entry of the current period the next period follows; past
-    // every entry of a later one there is nothing left.
-    if (search.entries.empty() || depth > 0) {
-        return std::nullopt;
-    }
-    return periodSearch(search, search.period, 1);
+    return periodSearch(search, periodAfter(search, period), depth + 1);
 }
 
 search_t prepare(const schedule_spec_t& spec, time_t t) {
@@ -118,7 +154,7 @@ search_t prepare(const schedule_spec_t& spec, time_t t) {
 }
 
 std::optional<change_t> nextFrom(const search_t& search) {
-    std::optional<found_t> found = periodSearch(search, 0, 0);
+    std::optional<found_t> found = periodSearch(search, period_t{0, search.period}, 0);
     if (!found) {
         return std::nullopt;
     }
