@@ -1,0 +1,326 @@
+#include "load_modes.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "bench_format.h"
+#include "orv/variant.h"
+
+namespace load {
+
+namespace {
+
+using bench::fixed;
+
+// --- Arguments of the scheduler's functions -----------------------------------
+
+variant_t entry(const char* state, std::uint32_t begin, std::uint32_t end) {
+    variant_map_t map;
+    map.push_back({"state", variant_t(state)});
+    map.push_back({"begin", variant_t(begin)});
+    map.push_back({"end", variant_t(end)});
+    return variant_t(std::move(map));
+}
+
+variant_map_t addArguments(const std::string& id, const char* base, variant_list_t entries) {
+    variant_map_t info;
+    info.push_back({"ID", variant_t(id)});
+    info.push_back({"enable", variant_t(true)});
+    info.push_back({"base", variant_t(base)});
+    info.push_back({"def", variant_t("off")});
+    info.push_back({"override", variant_t("")});
+    info.push_back({"schedule", variant_t(std::move(entries))});
+    variant_map_t arguments;
+    arguments.push_back({"type", variant_t(kType)});
+    arguments.push_back({"info", variant_t(std::move(info))});
+    return arguments;
+}
+
+// "on" from begin to end, both seconds since the epoch, and "off" otherwise.
+variant_map_t onceArguments(const std::string& id, std::int64_t begin, std::int64_t end) {
+    variant_list_t entries;
+    entries.push_back(
+        entry("on", static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end)));
+    return addArguments(id, "Once", std::move(entries));
+}
+
+// Four spans of 15 minutes a day, six hours apart, at a time of day that
+// differs from one schedule to the next.
+variant_map_t dailyArguments(const std::string& id, std::size_t i) {
+    constexpr std::uint32_t kQuarter = 21600;
+    constexpr std::uint32_t kSpan = 900;
+    const auto first = static_cast<std::uint32_t>((i * 7919) % (kQuarter - kSpan));
+    variant_list_t entries;
+    for (std::uint32_t k = 0; k < 4; ++k) {
+        const std::uint32_t begin = first + k * kQuarter;
+        entries.push_back(entry(k % 2 == 0 ? "on" : "eco", begin, begin + kSpan));
+    }
+    return addArguments(id, "Daily", std::move(entries));
+}
+
+variant_map_t removeArguments(const std::string& id) {
+    variant_list_t ids;
+    ids.emplace_back(id);
+    variant_map_t arguments;
+    arguments.push_back({"type", variant_t(kType)});
+    arguments.push_back({"ID", variant_t(std::move(ids))});
+    return arguments;
+}
+
+// --- Steps the loads share -----------------------------------------------------
+
+bool add(load_t& load, const variant_map_t& arguments, std::int64_t* elapsedNs = nullptr) {
+    if (load.call("addSchedule", arguments, elapsedNs) != true) {
+        complain("addSchedule did not return true");
+        return false;
+    }
+    return load.drain();
+}
+
+// Adds Once schedules switching "on" at the given seconds, so that none of
+// them is due before all are added; false after a message.
+bool addOnce(load_t& load, const std::vector<std::int64_t>& due, std::int64_t last) {
+    for (std::size_t i = 0; i < due.size(); ++i) {
+        if (!add(load, onceArguments("L" + std::to_string(i), due[i], last + 600))) {
+            return false;
+        }
+    }
+    // Each schedule's client was told its present state, and those calls
+    // follow the replies: they must be in before the count starts.
+    const std::int64_t settled =
+        monotonicNs() + due.front() * kNsPerSecond - realtimeNs() - kNsPerSecond / 5;
+    load.waitFor(settled, [&] { return load.arrivals().size() >= due.size(); });
+    const std::int64_t spare = due.front() * kNsPerSecond - realtimeNs();
+    if (spare < kNsPerSecond / 5) {
+        complain("adding the schedules took too long for the first change; raise --lead");
+        return false;
+    }
+    load.clearArrivals();
+    return true;
+}
+
+// The arrivals that switch "on", by schedule index; false unless each
+// schedule's change arrived exactly once.
+bool onArrivals(const load_t& load, std::size_t count, std::vector<std::int64_t>* arrived) {
+    arrived->assign(count, -1);
+    std::size_t unexpected = 0;
+    for (const arrival_t& arrival : load.arrivals()) {
+        if (arrival.state != "on" || arrival.id.size() < 2 || arrival.id[0] != 'L') {
+            ++unexpected;
+            continue;
+        }
+        const std::size_t i = std::stoul(arrival.id.substr(1));
+        if (i >= count || (*arrived)[i] >= 0) {
+            ++unexpected;
+            continue;
+        }
+        (*arrived)[i] = arrival.realtimeNs;
+    }
+    const auto missing = static_cast<std::size_t>(std::count(arrived->begin(), arrived->end(), -1));
+    if (missing != 0 || unexpected != 0) {
+        complain(std::to_string(missing) + " changes never arrived and " +
+                 std::to_string(unexpected) + " calls were not expected");
+        return false;
+    }
+    return true;
+}
+
+std::int64_t firstDueSecond(const options_t& options) {
+    return realtimeNs() / kNsPerSecond + 1 + options.lead;
+}
+
+// Adds Once schedules due at those seconds and waits for their changes until
+// a few seconds after the last one; their arrival times by schedule index.
+bool awaitChanges(load_t& load, const std::vector<std::int64_t>& due, std::int64_t spareSeconds,
+                  std::vector<std::int64_t>* arrived) {
+    const std::int64_t last = *std::max_element(due.begin(), due.end());
+    if (!addOnce(load, due, last)) {
+        return false;
+    }
+    const std::int64_t deadline =
+        monotonicNs() + (last + spareSeconds) * kNsPerSecond - realtimeNs();
+    load.waitFor(deadline, [&] { return load.arrivals().size() >= due.size(); });
+    return onArrivals(load, due.size(), arrived);
+}
+
+// --- Lateness ---------------------------------------------------------------------
+
+// First and last arrival of each due second: a whole second that comes late
+// points at the timer or the machine, a wide one at the dispatch.
+void printLatestSecond(const std::vector<double>& late, const std::vector<std::int64_t>& due,
+                       std::int64_t first) {
+    std::map<std::int64_t, std::pair<double, double>> seconds;
+    for (std::size_t i = 0; i < late.size(); ++i) {
+        auto [it, added] = seconds.try_emplace(due[i], late[i], late[i]);
+        it->second = {std::min(it->second.first, late[i]), std::max(it->second.second, late[i])};
+    }
+    const auto worst = std::max_element(
+        seconds.begin(), seconds.end(),
+        [](const auto& a, const auto& b) { return a.second.second < b.second.second; });
+    std::printf("latest second: +%lld s, first arrival %.3f ms, last %.3f ms\n",
+                static_cast<long long>(worst->first - first), worst->second.first,
+                worst->second.second);
+}
+
+void reportLateness(std::vector<double> late, const options_t& options, summary_t* summary) {
+    std::sort(late.begin(), late.end());
+    const double p50 = percentile(late, 0.5);
+    const double p99 = percentile(late, 0.99);
+    std::printf(
+        "lateness of %zu changes over %lld s: min %.3f ms, p50 %.3f ms, p99 %.3f ms, "
+        "max %.3f ms\n",
+        options.count, static_cast<long long>(options.window), late.front(), p50, p99, late.back());
+    const std::string what = "D-Bus lateness " + std::to_string(options.count) + " changes/" +
+                             std::to_string(options.window) + " s";
+    summary->row(what + ", p50", fixed(p50, 2) + " ms", "-", std::nullopt);
+    summary->row(what + ", p99", fixed(p99, 2) + " ms", "<= 5 ms", p99 <= 5.0);
+    summary->row(what + ", max", fixed(late.back(), 2) + " ms", "<= 20 ms", late.back() <= 20.0);
+    // A change is never due before its second: an early one is a fault.
+    summary->row(what + ", min", fixed(late.front(), 2) + " ms", ">= 0 ms", late.front() >= 0.0);
+}
+
+// --- Overhead ---------------------------------------------------------------------
+
+struct rounds_t {
+    series_t ping;
+    series_t added;
+    series_t removed;
+};
+
+bool addPopulation(load_t& load, const options_t& options) {
+    const std::int64_t start = monotonicNs();
+    for (std::size_t i = 0; i < options.population; ++i) {
+        if (!add(load, dailyArguments("P" + std::to_string(i), i))) {
+            return false;
+        }
+    }
+    std::printf("added %zu Daily schedules in %.1f s\n", options.population,
+                static_cast<double>(monotonicNs() - start) / 1e9);
+    return true;
+}
+
+// A Ping, then an addSchedule and a removeSchedules of one more schedule, in
+// each round; the rounds after the warm-up are kept.
+bool measureRounds(load_t& load, const options_t& options, rounds_t* kept) {
+    const variant_map_t extra = dailyArguments("extra", options.population);
+    const variant_map_t removal = removeArguments("extra");
+    for (std::size_t round = 0; round < options.warmup + options.rounds; ++round) {
+        std::int64_t pingNs = 0;
+        std::int64_t addNs = 0;
+        std::int64_t removeNs = 0;
+        if (!load.ping(&pingNs) || !add(load, extra, &addNs) ||
+            load.call("removeSchedules", removal, &removeNs) != true || !load.drain()) {
+            complain("round " + std::to_string(round) + " failed");
+            return false;
+        }
+        if (round >= options.warmup) {
+            kept->ping.add(pingNs);
+            kept->added.add(addNs);
+            kept->removed.add(removeNs);
+        }
+    }
+    return true;
+}
+
+void reportOverhead(const rounds_t& rounds, const options_t& options, summary_t* summary) {
+    std::printf("%zu rounds with %zu schedules present (median / mean, us):\n", options.rounds,
+                options.population);
+    for (const auto& [name, series] :
+         {std::pair<const char*, const series_t*>{"Ping", &rounds.ping},
+          {"addSchedule", &rounds.added},
+          {"removeSchedules", &rounds.removed}}) {
+        std::printf("  %-16s %10.1f %10.1f\n", name, series->median(), series->average());
+    }
+    const series_t& added = rounds.added;
+    const series_t& ping = rounds.ping;
+    const double medianRatio = added.median() / ping.median();
+    const double meanRatio = added.average() / ping.average();
+    std::printf("  addSchedule / Ping: %.2f (median), %.2f (mean)\n", medianRatio, meanRatio);
+    const std::string what =
+        "D-Bus addSchedule / Ping, " + std::to_string(options.population) + " schedules";
+    summary->row(what + ", median",
+                 fixed(medianRatio, 2) + " (" + fixed(added.median(), 0) + " us / " +
+                     fixed(ping.median(), 0) + " us)",
+                 "<= 1.5", medianRatio <= 1.5);
+    summary->row(what + ", mean",
+                 fixed(meanRatio, 2) + " (" + fixed(added.average(), 0) + " us / " +
+                     fixed(ping.average(), 0) + " us)",
+                 "-", std::nullopt);
+}
+
+}  // namespace
+
+bool registerType(load_t& load) {
+    variant_list_t states;
+    for (const char* state : {"on", "off", "eco"}) {
+        states.emplace_back(state);
+    }
+    variant_map_t arguments;
+    arguments.push_back({"type", variant_t(kType)});
+    arguments.push_back({"path", variant_t("Bench.Client")});
+    arguments.push_back({"states", variant_t(std::move(states))});
+    if (load.call("registerScheduleType", arguments) != true) {
+        complain("registerScheduleType did not return true");
+        return false;
+    }
+    return true;
+}
+
+void unregisterType(load_t& load) {
+    variant_map_t arguments;
+    arguments.push_back({"type", variant_t(kType)});
+    if (load.call("unregisterScheduleType", arguments) != true) {
+        complain("unregisterScheduleType did not return true");
+    }
+}
+
+bool lateness(load_t& load, const options_t& options, summary_t* summary) {
+    const std::int64_t first = firstDueSecond(options);
+    std::vector<std::int64_t> due(options.count);
+    for (std::size_t i = 0; i < options.count; ++i) {
+        due[i] = first + static_cast<std::int64_t>(i) * options.window /
+                             static_cast<std::int64_t>(options.count);
+    }
+    std::vector<std::int64_t> arrived;
+    if (!awaitChanges(load, due, 5, &arrived)) {
+        return false;
+    }
+    std::vector<double> late;
+    for (std::size_t i = 0; i < options.count; ++i) {
+        late.push_back(static_cast<double>(arrived[i] - due[i] * kNsPerSecond) / 1e6);
+    }
+    printLatestSecond(late, due, first);
+    reportLateness(std::move(late), options, summary);
+    return true;
+}
+
+bool burst(load_t& load, const options_t& options, summary_t* summary) {
+    const std::int64_t second = firstDueSecond(options);
+    const std::vector<std::int64_t> due(options.count, second);
+    std::vector<std::int64_t> arrived;
+    if (!awaitChanges(load, due, 10, &arrived)) {
+        return false;
+    }
+    const auto [firstIt, lastIt] = std::minmax_element(arrived.begin(), arrived.end());
+    const double firstMs = static_cast<double>(*firstIt - second * kNsPerSecond) / 1e6;
+    const double lastMs = static_cast<double>(*lastIt - second * kNsPerSecond) / 1e6;
+    std::printf("burst of %zu changes due in one second: first after %.3f ms, last after %.3f ms\n",
+                options.count, firstMs, lastMs);
+    summary->row("D-Bus burst: " + std::to_string(options.count) + " changes in one second, last",
+                 fixed(lastMs, 2) + " ms", "<= 100 ms", lastMs <= 100.0);
+    return true;
+}
+
+bool overhead(load_t& load, const options_t& options, summary_t* summary) {
+    rounds_t rounds;
+    if (!addPopulation(load, options) || !measureRounds(load, options, &rounds)) {
+        return false;
+    }
+    reportOverhead(rounds, options, summary);
+    return true;
+}
+
+}  // namespace load

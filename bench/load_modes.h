@@ -1,0 +1,38 @@
+// The three loads of orv-load. Each returns false after a message when its
+// figures could not be measured, and true whether or not they meet their
+// targets.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "load_client.h"
+#include "load_report.h"
+
+namespace load {
+
+struct options_t {
+    std::string bus;
+    std::string mode;
+    std::size_t count = 1000;
+    std::int64_t window = 30;
+    std::int64_t lead = 5;
+    std::size_t population = 10000;
+    std::size_t rounds = 2000;
+    std::size_t warmup = 200;
+    std::string summary;
+};
+
+// The type "Bench" for the client, with the states on, off and eco.
+bool registerType(load_t& load);
+void unregisterType(load_t& load);
+
+// Changes of Once schedules spread over a window: how late each arrives.
+bool lateness(load_t& load, const options_t& options, summary_t* summary);
+// Changes of Once schedules all due in one second: when the last arrives.
+bool burst(load_t& load, const options_t& options, summary_t* summary);
+// addSchedule and removeSchedules against a bare Ping, with Daily schedules
+// present.
+bool overhead(load_t& load, const options_t& options, summary_t* summary);
+
+}  // namespace load
