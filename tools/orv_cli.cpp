@@ -25,6 +25,7 @@
 
 #include "cli_schedule.h"
 #include "orv/dbus_value.h"
+#include "orv/protocol.h"
 #include "orv/sd_loop.h"
 #include "orv/variant.h"
 #include "tool_bus.h"
@@ -35,7 +36,6 @@ void complain(std::string_view what, int r) {
     tool_complain("orv-cli", what, r);
 }
 
-constexpr const char* kInterface = "org.orv.Object";
 constexpr int kFailed = 2;
 
 // What the command line asked for; filled in by the command table's setups.
@@ -173,7 +173,7 @@ int runCall(const args_t& args) {
     if (!bus) {
         return kFailed;
     }
-    message_ptr m = newCall(bus.get(), args.path, kInterface, args.function.c_str());
+    message_ptr m = newCall(bus.get(), args.path, orv_dbus_interface, args.function.c_str());
     if (!m) {
         return kFailed;
     }
@@ -197,7 +197,7 @@ int runGet(const args_t& args) {
     if (!m) {
         return kFailed;
     }
-    int r = sd_bus_message_append(m.get(), "s", kInterface);
+    int r = sd_bus_message_append(m.get(), "s", orv_dbus_interface);
     if (r < 0) {
         complain("cannot ask for the parameters", r);
         return kFailed;
@@ -408,7 +408,7 @@ int server_t::start() {
     }
     sd_bus_slot* slot = nullptr;
     int r = sd_bus_add_object_vtable(bus, &slot, orv_dbus_objectPath(args_.path).c_str(),
-                                     kInterface, vtable_.data(), this);
+                                     orv_dbus_interface, vtable_.data(), this);
     object_slot_.reset(slot);
     if (r < 0) {
         complain("cannot serve " + args_.path, r);
@@ -489,7 +489,7 @@ int runWatch(const args_t& args) {
     if (!session || !session->start([] {})) {
         return kFailed;
     }
-    const std::string match = "type='signal',interface='" + std::string(kInterface) +
+    const std::string match = "type='signal',interface='" + std::string(orv_dbus_interface) +
                               "',member='Notification',path_namespace='" +
                               orv_dbus_objectPath(args.path) + "'";
     sd_bus_slot* raw = nullptr;

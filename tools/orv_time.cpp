@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "orv/dbus_value.h"
+#include "orv/protocol.h"
 #include "orv/sd_loop.h"
 #include "orv/variant.h"
 #include "tool_bus.h"
@@ -38,11 +39,8 @@ void complain(std::string_view what, int r) {
 
 constexpr const char* kBusName = "org.orv.Time";
 constexpr const char* kObjectPath = "/Time";
-constexpr const char* kInterface = "org.orv.Object";
 constexpr const char* kSynchronized = "Synchronized";
 constexpr const char* kUnsynchronized = "Unsynchronized";
-constexpr std::uint32_t kClockSetNotification = 926;
-constexpr std::uint32_t kTimeZoneNotification = 927;
 // Above this estimated error the kernel clock is not trusted as synchronised.
 constexpr long kMaxErrorUs = 16000000;
 constexpr std::uint64_t kRecheckUs = 10000000;
@@ -215,7 +213,7 @@ int time_service_t::onClockFd(sd_event_source*, int fd, uint32_t, void* userdata
     if (r < 0) {
         complain("cannot re-arm the clock watch", r);
     }
-    self->notify(kClockSetNotification);
+    self->notify(notification_time_set);
     self->recheck();
     return 0;
 }
@@ -239,7 +237,7 @@ int time_service_t::onInotifyFd(sd_event_source*, int fd, uint32_t, void* userda
     }
     if (zone_changed) {
         tzset();
-        self->notify(kTimeZoneNotification);
+        self->notify(notification_time_zone_changed);
     }
     return 0;
 }
@@ -272,7 +270,7 @@ int time_service_t::start() {
 int time_service_t::setupBus() {
     sd_bus* bus = bus_.get();
     sd_bus_slot* slot = nullptr;
-    int r = sd_bus_add_object_vtable(bus, &slot, kObjectPath, kInterface, kVtable, this);
+    int r = sd_bus_add_object_vtable(bus, &slot, kObjectPath, orv_dbus_interface, kVtable, this);
     object_slot_.reset(slot);
     if (r < 0) {
         complain("cannot serve " + std::string(kObjectPath), r);
@@ -330,8 +328,8 @@ void time_service_t::updateStatus(const std::string& status) {
         return;
     }
     status_ = status;
-    const int r =
-        sd_bus_emit_properties_changed(bus_.get(), kObjectPath, kInterface, "Status", nullptr);
+    const int r = sd_bus_emit_properties_changed(bus_.get(), kObjectPath, orv_dbus_interface,
+                                                 "Status", nullptr);
     if (r < 0) {
         complain("cannot announce the new status", r);
     }
@@ -348,8 +346,8 @@ void time_service_t::recheck() {
 }
 
 void time_service_t::notify(std::uint32_t type) {
-    const int r =
-        sd_bus_emit_signal(bus_.get(), kObjectPath, kInterface, "Notification", "ua{sv}", type, 0);
+    const int r = sd_bus_emit_signal(bus_.get(), kObjectPath, orv_dbus_interface, "Notification",
+                                     "ua{sv}", type, 0);
     if (r < 0) {
         std::fprintf(stderr, "orv-time: cannot send notification %u: %s\n", type,
                      std::strerror(-r));

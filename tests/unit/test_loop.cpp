@@ -6,6 +6,7 @@
 
 #include "orv/loop.h"
 #include "orv/timer.h"
+#include "orv/virtual_loop.h"
 
 namespace {
 

@@ -7,12 +7,12 @@
 
 #include "orv/dbus_value.h"
 #include "orv/error.h"
+#include "orv/protocol.h"
 #include "orv/request.h"
 #include "orv/variant_map.h"
 
 namespace {
 
-constexpr const char* kInterface = "org.orv.Object";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 constexpr const char* kDBus = "org.freedesktop.DBus";
 
@@ -183,7 +183,7 @@ struct orv_dbus_transport_t::dispatch_t {
         try {
             auto* open = static_cast<open_t*>(userdata);
             variant_map_t changed;
-            if (!fromOwner(*open, m) || readText(m) != kInterface ||
+            if (!fromOwner(*open, m) || readText(m) != orv_dbus_interface ||
                 orv_dbus_readMap(m, &changed) < 0) {
                 return 0;
             }
@@ -344,8 +344,8 @@ void orv_dbus_transport_t::subscribe(open_t& open) {
     }
     if (attributes & (request_notify_custom | request_notify_subscribe)) {
         slot = nullptr;
-        sd_bus_match_signal_async(bus_, &slot, nullptr, path.c_str(), kInterface, "Notification",
-                                  dispatch_t::onNotification, nullptr, &open);
+        sd_bus_match_signal_async(bus_, &slot, nullptr, path.c_str(), orv_dbus_interface,
+                                  "Notification", dispatch_t::onNotification, nullptr, &open);
         open.notificationMatch.reset(slot);
     }
 }
@@ -357,8 +357,8 @@ bool orv_dbus_transport_t::call(request_t* request, orv_request_sink_t* sink) {
     }
     sd_bus_message* raw = nullptr;
     int r = sd_bus_message_new_method_call(bus_, &raw, orv_dbus_busName(request->path()).c_str(),
-                                           orv_dbus_objectPath(request->path()).c_str(), kInterface,
-                                           request->function().c_str());
+                                           orv_dbus_objectPath(request->path()).c_str(),
+                                           orv_dbus_interface, request->function().c_str());
     orv_message_ptr m(raw);
     if (r < 0 || orv_dbus_appendMap(raw, request->parameters()) < 0) {
         return false;
@@ -388,7 +388,7 @@ void orv_dbus_transport_t::fetch(std::uint32_t id, int kind, const std::string& 
         sd_bus_message_new_method_call(bus_, &raw, orv_dbus_busName(path).c_str(),
                                        orv_dbus_objectPath(path).c_str(), kProperties, "GetAll");
     orv_message_ptr m(raw);
-    if (r < 0 || sd_bus_message_append_basic(raw, 's', kInterface) < 0) {
+    if (r < 0 || sd_bus_message_append_basic(raw, 's', orv_dbus_interface) < 0) {
         return;
     }
     auto pending = std::make_unique<pending_t>(pending_t{this, nextPending_++, id, kind, path, {}});
@@ -455,7 +455,7 @@ bool orv_dbus_transport_t::notify(const notification_t* notification) {
     }
     sd_bus_message* raw = nullptr;
     const std::string path = orv_dbus_objectPath(*notification->objectPath());
-    int r = sd_bus_message_new_signal(bus_, &raw, path.c_str(), kInterface, "Notification");
+    int r = sd_bus_message_new_signal(bus_, &raw, path.c_str(), orv_dbus_interface, "Notification");
     orv_message_ptr m(raw);
     const std::uint32_t type = notification->type();
     if (r < 0 || sd_bus_message_append_basic(raw, 'u', &type) < 0 ||

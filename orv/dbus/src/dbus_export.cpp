@@ -10,11 +10,11 @@
 #include "orv/dbus_value.h"
 #include "orv/definition.h"
 #include "orv/function.h"
+#include "orv/protocol.h"
 #include "orv/request.h"
 
 namespace {
 
-constexpr const char* kInterface = "org.orv.Object";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 constexpr const char* kIntrospectable = "org.freedesktop.DBus.Introspectable";
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
@@ -142,7 +142,7 @@ constexpr const char* kObjectManagerInterface =
     " </interface>\n";
 
 std::string objectInterfaceXml(const object_definition_t& definition) {
-    std::string xml = std::string(" <interface name=\"") + kInterface + "\">\n";
+    std::string xml = std::string(" <interface name=\"") + orv_dbus_interface + "\">\n";
     for (const auto& function : definition.functions) {
         xml += "  <method name=\"" + xmlEscape(function->name) +
                "\"><arg name=\"arguments\" type=\"a{sv}\" direction=\"in\"/>"
@@ -200,7 +200,7 @@ int appendInterfaces(sd_bus_message* m, const object_t* object) {
         r = sd_bus_message_open_container(m, 'e', "sa{sv}");
     }
     if (r >= 0) {
-        r = sd_bus_message_append_basic(m, 's', kInterface);
+        r = sd_bus_message_append_basic(m, 's', orv_dbus_interface);
     }
     if (r >= 0) {
         r = orv_dbus_appendMap(m, committedParameters(object));
@@ -270,7 +270,7 @@ int replyProperties(sd_bus_message* call, const object_t* object, sd_bus_error* 
             return r;
         }
         // Other interfaces have no properties.
-        const bool ours = interface[0] == '\0' || std::string_view(interface) == kInterface;
+        const bool ours = interface[0] == '\0' || std::string_view(interface) == orv_dbus_interface;
         r = orv_dbus_appendMap(reply.get(), ours ? committedParameters(object) : variant_map_t{});
         return r < 0 ? r : sendReply(reply);
     }
@@ -281,7 +281,7 @@ int replyProperties(sd_bus_message* call, const object_t* object, sd_bus_error* 
     if ((r = sd_bus_message_read(call, "ss", &interface, &name)) < 0) {
         return r;
     }
-    if (std::string_view(interface) != kInterface) {
+    if (std::string_view(interface) != orv_dbus_interface) {
         return sd_bus_error_setf(error, SD_BUS_ERROR_UNKNOWN_INTERFACE, "Unknown interface %s.",
                                  interface);
     }
@@ -391,8 +391,8 @@ void emitAdded(sd_bus* bus, const object_t* object) {
 
 void emitRemoved(sd_bus* bus, const object_t* object) {
     orv_message_ptr m = newSignal(bus, "/", kObjectManager, "InterfacesRemoved");
-    if (m &&
-        sd_bus_message_append(m.get(), "oas", objectPathOf(object).c_str(), 1, kInterface) >= 0) {
+    if (m && sd_bus_message_append(m.get(), "oas", objectPathOf(object).c_str(), 1,
+                                   orv_dbus_interface) >= 0) {
         orv_dbus_send(m.get());
     }
 }
@@ -437,7 +437,7 @@ struct orv_dbus_export_t::dispatch_t {
         if (isRoot && iface == kObjectManager) {
             return replyManagedObjects(m, object);
         }
-        if (!isRoot && (iface.empty() || iface == kInterface)) {
+        if (!isRoot && (iface.empty() || iface == orv_dbus_interface)) {
             return replyCall(m, object, error);
         }
         return sd_bus_error_setf(error, SD_BUS_ERROR_UNKNOWN_INTERFACE, "Unknown interface %s.",
@@ -508,7 +508,7 @@ void orv_dbus_export_t::parametersChanged(object_t& object, const std::vector<st
                 changed.push_back({name, *value});
             }
         }
-        if (sd_bus_message_append_basic(m.get(), 's', kInterface) >= 0 &&
+        if (sd_bus_message_append_basic(m.get(), 's', orv_dbus_interface) >= 0 &&
             orv_dbus_appendMap(m.get(), changed) >= 0 &&
             sd_bus_message_append(m.get(), "as", 0) >= 0) {
             orv_dbus_send(m.get());

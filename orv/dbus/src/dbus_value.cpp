@@ -8,6 +8,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include "orv/protocol.h"
 #include "orv/variant_map.h"
 
 namespace {
@@ -18,9 +19,6 @@ namespace {
 constexpr int kMaxDepth = 64;
 
 constexpr char kHexDigits[] = "0123456789abcdef";
-
-// The process serving root object A owns org.orv.A.
-constexpr std::string_view kBusPrefix = "org.orv.";
 
 bool tooDeep(int depth) {
     return depth >= kMaxDepth;
@@ -558,14 +556,16 @@ const char* orv_dbus_signature(variant_type_t type) noexcept {
 std::string orv_dbus_busName(std::string_view path) noexcept {
     const std::string_view root = path.substr(0, path.find('.'));
     return root.empty() ? std::string() : guarded(std::string(), [&] {
-        return std::string(kBusPrefix) + std::string(root);
+        return std::string(orv_dbus_name_prefix) + std::string(root);
     });
 }
 
 std::optional<std::string> orv_dbus_rootOfBusName(std::string_view name) noexcept {
-    if (name.size() <= kBusPrefix.size() || name.substr(0, kBusPrefix.size()) != kBusPrefix) {
+    if (name.size() <= orv_dbus_name_prefix.size() ||
+        name.substr(0, orv_dbus_name_prefix.size()) != orv_dbus_name_prefix) {
         return std::nullopt;
     }
-    return guarded(std::optional<std::string>(),
-                   [&] { return std::optional<std::string>(name.substr(kBusPrefix.size())); });
+    return guarded(std::optional<std::string>(), [&] {
+        return std::optional<std::string>(name.substr(orv_dbus_name_prefix.size()));
+    });
 }
