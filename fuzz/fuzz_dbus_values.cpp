@@ -1,4 +1,4 @@
-// Guards the D-Bus value readers of liborv, which take whatever a peer on
+// Guards the D-Bus value readers of liborv-dbus, which take whatever a peer on
 // the bus sends. sd-bus offers no way to parse raw bytes into a message, so
 // the input is a program that builds one: a type tree drawn from all basic
 // types and containers (arrays, dict entries with any basic key, structs,

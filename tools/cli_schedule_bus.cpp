@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "orv/dbus_value.h"
+#include "orv/protocol.h"
 #include "orv/variant.h"
 #include "schedule_json.h"
 #include "scheduler_call.h"
@@ -75,8 +76,8 @@ std::vector<std::string> cli_typeStates(sd_bus* bus, const std::string& type) {
     orv_bus_error_t error;
     char* raw = nullptr;
     const std::string path = orv_dbus_objectPath("Scheduler.Types." + type);
-    const int r = sd_bus_get_property_string(bus, "org.orv.Scheduler", path.c_str(),
-                                             "org.orv.Object", "States", error.get(), &raw);
+    const int r = sd_bus_get_property_string(bus, scheduler::kSchedulerName, path.c_str(),
+                                             orv_dbus_interface, "States", error.get(), &raw);
     std::unique_ptr<char, decltype(&std::free)> states(raw, &std::free);
     if (r < 0) {
         throw cli_failure_t{kFailed, "no schedule type \"" + type + "\": " + error.message()};

@@ -9,14 +9,13 @@
 
 #include "client_impl.h"
 #include "orv/dbus_value.h"
+#include "orv/protocol.h"
 #include "orv/variant.h"
 #include "orv/variant_map.h"
 
 namespace scheduler {
 
 namespace {
-
-constexpr std::uint32_t kSchedulesChanged = 920;
 
 void check(int r, const char* what) {
     if (r < 0) {
@@ -152,9 +151,10 @@ void client_t::impl_t::watchScheduler() {
             "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
             "member='NameOwnerChanged',arg0='") +
         kSchedulerName + "'";
-    const std::string notifications =
-        "type='signal',interface='org.orv.Object',member='Notification',path='" +
-        orv_dbus_objectPath("Scheduler.Types." + options_.type.name) + "'";
+    const std::string notifications = std::string("type='signal',interface='") + kObjectInterface +
+                                      "',member='Notification',path='" +
+                                      orv_dbus_objectPath("Scheduler.Types." + options_.type.name) +
+                                      "'";
     const std::pair<const std::string*, sd_bus_message_handler_t> matches[] = {
         {&owners, onOwnerChanged}, {&notifications, onNotification}};
     for (const auto& [rule, handler] : matches) {
@@ -218,7 +218,7 @@ int client_t::impl_t::onNotification(sd_bus_message* m, void* userdata, sd_bus_e
     const char* sender = sd_bus_message_get_sender(m);
     std::uint32_t type = 0;
     if (sender == nullptr || self->schedulerOwner_ != sender ||
-        sd_bus_message_read(m, "u", &type) < 0 || type != kSchedulesChanged) {
+        sd_bus_message_read(m, "u", &type) < 0 || type != notification_schedules_changed) {
         return 0;
     }
     try {

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "orv/protocol.h"
 #include "schedule_json.h"
 
 struct sd_bus;
@@ -11,7 +12,7 @@ struct sd_bus;
 namespace scheduler {
 
 inline constexpr const char* kSchedulerName = "org.orv.Scheduler";
-inline constexpr const char* kObjectInterface = "org.orv.Object";
+inline constexpr const char* kObjectInterface = orv_dbus_interface;
 
 struct call_result_t {
     // The call went through and the function did what was asked.

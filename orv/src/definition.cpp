@@ -3,11 +3,12 @@
 
 #include <cstdint>
 #include <exception>
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <utility>
+
+#include "variant_json.h"
 
 namespace {
 
@@ -26,61 +27,6 @@ std::string quote(std::string_view text) {
     out.append(text);
     out += '"';
     return out;
-}
-
-// JSON -> variant, as variant_fromJSON maps it.
-variant_t variantFromJson(const json& value) {
-    switch (value.type()) {
-        case json::value_t::null:
-        case json::value_t::discarded:
-            return variant_t();
-        case json::value_t::boolean:
-            return variant_t(value.get<bool>());
-        case json::value_t::string:
-            return variant_t(std::string_view(value.get_ref<const std::string&>()));
-        case json::value_t::number_unsigned: {
-            auto number = value.get<std::uint64_t>();
-            if (number <= std::numeric_limits<std::uint32_t>::max()) {
-                return variant_t(static_cast<std::uint32_t>(number));
-            }
-            return variant_t(number);
-        }
-        case json::value_t::number_integer: {
-            auto number = value.get<std::int64_t>();
-            if (number >= 0) {
-                if (number <=
-                    static_cast<std::int64_t>(std::numeric_limits<std::uint32_t>::max())) {
-                    return variant_t(static_cast<std::uint32_t>(number));
-                }
-                return variant_t(static_cast<std::uint64_t>(number));
-            }
-            if (number >= std::numeric_limits<std::int32_t>::min()) {
-                return variant_t(static_cast<std::int32_t>(number));
-            }
-            return variant_t(number);
-        }
-        case json::value_t::number_float:
-            return variant_t(value.get<double>());
-        case json::value_t::array: {
-            variant_list_t list;
-            list.reserve(value.size());
-            for (const auto& element : value) {
-                list.push_back(variantFromJson(element));
-            }
-            return variant_t(std::move(list));
-        }
-        case json::value_t::object: {
-            variant_map_t map;
-            map.reserve(value.size());
-            for (const auto& [key, element] : value.items()) {
-                map.push_back(variant_map_entry_t{key, variantFromJson(element)});
-            }
-            return variant_t(std::move(map));
-        }
-        case json::value_t::binary:
-            break;
-    }
-    return variant_t();
 }
 
 const json* member(const json& object, const char* key) {
@@ -170,7 +116,7 @@ parameter_definition_t parseParameter(const json& value, const std::string& wher
     parameter.type = typeOf(value, where, type_use_t::parameter).value_or(variant_type_string);
     const json* def = member(value, "default");
     if (def && !def->is_null()) {
-        variant_t raw = variantFromJson(*def);
+        variant_t raw = variant_detail::fromJson(*def);
         auto converted = definition_convertValue(parameter.type, raw);
         if (!converted) {
             fail(where, "default value " + def->dump() + " does not convert to " +
@@ -299,117 +245,4 @@ std::unique_ptr<object_definition_t> definition_parse(std::string_view text, std
         }
     }
     return nullptr;
-}
-
-std::optional<variant_type_t> definition_typeFromName(std::string_view name) {
-    static const std::pair<std::string_view, variant_type_t> names[] = {
-        {"string", variant_type_string}, {"bool", variant_type_bool},
-        {"int32", variant_type_int32},   {"uint32", variant_type_uint32},
-        {"int64", variant_type_int64},   {"uint64", variant_type_uint64},
-        {"double", variant_type_double}, {"datetime", variant_type_date_time},
-        {"list", variant_type_array},    {"map", variant_type_map},
-        {"void", variant_type_unknown},  {"variant", variant_type_unknown},
-    };
-    for (const auto& [text, type] : names) {
-        if (text == name) {
-            return type;
-        }
-    }
-    return std::nullopt;
-}
-
-const char* definition_typeName(variant_type_t type) {
-    switch (type) {
-        case variant_type_unknown:
-            return "variant";
-        case variant_type_string:
-            return "string";
-        case variant_type_int8:
-            return "int8";
-        case variant_type_int16:
-            return "int16";
-        case variant_type_int32:
-            return "int32";
-        case variant_type_int64:
-            return "int64";
-        case variant_type_uint8:
-            return "uint8";
-        case variant_type_uint16:
-            return "uint16";
-        case variant_type_uint32:
-            return "uint32";
-        case variant_type_uint64:
-            return "uint64";
-        case variant_type_bool:
-            return "bool";
-        case variant_type_double:
-            return "double";
-        case variant_type_date_time:
-            return "datetime";
-        case variant_type_array:
-            return "list";
-        case variant_type_map:
-            return "map";
-    }
-    return "unknown";
-}
-
-namespace {
-
-// The converted value as a variant of the target type, or nullopt.
-template <typename T, typename Make>
-std::optional<variant_t> wrap(std::optional<T> value, Make make) {
-    if (!value) {
-        return std::nullopt;
-    }
-    return make(*value);
-}
-
-template <typename T>
-std::optional<variant_t> wrap(std::optional<T> value) {
-    return wrap(std::move(value), [](const T& v) { return variant_t(v); });
-}
-
-}  // namespace
-
-std::optional<variant_t> definition_convertValue(variant_type_t type, const variant_t& value) {
-    switch (type) {
-        case variant_type_string:
-            return wrap(variant_toChar(&value),
-                        [](const std::string& v) { return variant_t(std::string_view(v)); });
-        case variant_type_bool:
-            return wrap(variant_toBool(&value));
-        case variant_type_int32:
-            return wrap(variant_toInt32(&value));
-        case variant_type_uint32:
-            return wrap(variant_toUInt32(&value));
-        case variant_type_int64:
-            return wrap(variant_toInt64(&value));
-        case variant_type_uint64:
-            return wrap(variant_toUInt64(&value));
-        case variant_type_double:
-            return wrap(variant_toDouble(&value));
-        case variant_type_date_time:
-            return wrap(variant_toDateTime(&value),
-                        [](std::int64_t v) { return variant_t::dateTime(v); });
-        case variant_type_array:
-            if (value.list())
-                return value;
-            return std::nullopt;
-        case variant_type_map:
-            if (value.map())
-                return value;
-            return std::nullopt;
-        case variant_type_unknown:
-            return value;
-        case variant_type_int8:
-        case variant_type_int16:
-        case variant_type_uint8:
-        case variant_type_uint16:
-            // Not part of the definition format: only an exact type match passes.
-            if (value.type() == type)
-                return value;
-            return std::nullopt;
-    }
-    return std::nullopt;
 }

@@ -4,20 +4,18 @@
 #include <memory>
 
 #include "orv/notification.h"
+#include "orv/protocol.h"
 #include "scheduler_plugin_common.h"
 
 namespace {
 
-// The number of the notification that tells a type's owner its schedules
-// changed.
-constexpr std::uint32_t kSchedulesChanged = 920;
 constexpr std::uint32_t kNoticeDelayMs = 5000;
 
 // One notification per recorded type, in the order the types were first
 // recorded. A failure ends the run; the names not sent yet wait for the next
 // change.
 void sendChangeNotifications(service_t& service) {
-    std::unique_ptr<notification_t> notification = notification_create(kSchedulesChanged);
+    std::unique_ptr<notification_t> notification = notification_create(notification_schedules_changed);
     if (!notification) {
         tolvTrace(TRACE_LEVEL_WARNING, "Failed to create notification");
         return;

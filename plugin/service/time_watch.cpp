@@ -8,6 +8,7 @@
 #include "dispatcher.h"
 #include "orv/error.h"
 #include "orv/notification.h"
+#include "orv/protocol.h"
 #include "scheduler_plugin_common.h"
 #include "schedules.h"
 #include "time_base.h"
@@ -18,10 +19,6 @@ namespace {
 constexpr std::uint32_t kSubscriptionFlags =
     request_getObject_parameters | request_notify_subscribe | request_notify_values_changed |
     request_notify_object_added | request_notify_object_deleted | request_notify_custom;
-// The notifications of "Time" that say the clock or its zone changed.
-constexpr std::uint32_t kTimeSet = 926;
-constexpr std::uint32_t kTimeZoneChanged = 927;
-constexpr std::uint32_t kTimeChanged = 928;
 
 service_t& serviceOf(const request_t* request) {
     return *static_cast<service_t*>(request_userData(request));
@@ -100,11 +97,11 @@ void timeNotified(service_t& service, const notification_t* notification) {
         case notification_value_changed:
             timeStatusChanged(service, notification);
             break;
-        case kTimeZoneChanged:
+        case notification_time_zone_changed:
             time_reloadZone();
             [[fallthrough]];
-        case kTimeSet:
-        case kTimeChanged:
+        case notification_time_set:
+        case notification_time_changed:
             // The clock moved: every planned change is computed anew.
             if (service.synchronized) {
                 dispatch_run(service, true);

@@ -15,10 +15,10 @@
 
 #include "orv/context.h"
 #include "orv/inproc.h"
-#include "orv/loop.h"
 #include "orv/object.h"
 #include "orv/plugin.h"
 #include "orv/variant.h"
+#include "orv/virtual_loop.h"
 
 class virtual_host_t {
   public:

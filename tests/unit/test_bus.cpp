@@ -10,9 +10,9 @@
 #include "orv/context.h"
 #include "orv/error.h"
 #include "orv/inproc.h"
-#include "orv/loop.h"
 #include "orv/notification.h"
 #include "orv/request.h"
+#include "orv/virtual_loop.h"
 
 namespace {
 

@@ -1,11 +1,15 @@
 // The virtual loop, the default loop's clock and the timers on it.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orv/loop.h"
+#include "orv/sd_loop.h"
 #include "orv/timer.h"
+#include "orv/virtual_loop.h"
 
 namespace {
 
@@ -153,6 +157,31 @@ TEST(DefaultLoop, SuppliesTheTimeAndTheTimersUntilItEnds) {
     EXPECT_EQ(orv_loop_default(), nullptr);
     EXPECT_EQ(orv_time_now(), 0);
     EXPECT_EQ(orv_timer_create(), nullptr);
+}
+
+// Whatever its kind, a loop that ends clears the default loop only when it is
+// the default: ending another one must leave the default in place.
+TEST(DefaultLoop, EndingALoopClearsTheDefaultOnlyWhenItIsTheDefault) {
+    using maker_t = std::unique_ptr<orv_loop_t> (*)();
+    const std::pair<const char*, maker_t> kinds[] = {
+        {"virtual", [] { return std::unique_ptr<orv_loop_t>(new orv_virtual_loop_t(kStart)); }},
+        {"sd-event", [] { return std::unique_ptr<orv_loop_t>(orv_sd_loop_t::create(nullptr)); }},
+    };
+    for (const auto& [kind, make] : kinds) {
+        SCOPED_TRACE(kind);
+        orv_virtual_loop_t kept(kStart);
+        orv_loop_setDefault(&kept);
+        std::unique_ptr<orv_loop_t> other = make();
+        ASSERT_NE(other, nullptr);
+        other.reset();
+        EXPECT_EQ(orv_loop_default(), &kept);
+
+        std::unique_ptr<orv_loop_t> current = make();
+        ASSERT_NE(current, nullptr);
+        orv_loop_setDefault(current.get());
+        current.reset();
+        EXPECT_EQ(orv_loop_default(), nullptr);
+    }
 }
 
 }  // namespace

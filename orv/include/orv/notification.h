@@ -1,5 +1,5 @@
-// Notifications: a numeric type, the path of the object that sends it and
-// named parameters.
+// Notifications: a numeric type (protocol.h names the known ones), the path
+// of the object that sends it and named parameters.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "orv/protocol.h"
 #include "orv/variant.h"
-
-enum : std::uint32_t {
-    // A parameter of the object changed: "parameter" and "newvalue".
-    notification_value_changed = 1,
-};
 
 class notification_t {
   public:

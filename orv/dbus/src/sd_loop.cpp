@@ -229,9 +229,7 @@ orv_sd_loop_t::~orv_sd_loop_t() {
         timer->armed_ = false;
         timer->loop_ = nullptr;
     }
-    if (orv_loop_default() == this) {
-        orv_loop_setDefault(nullptr);
-    }
+    orv_loop_releaseDefault(this);
 }
 
 std::int64_t orv_sd_loop_t::now_us() const {
