@@ -12,6 +12,9 @@
 
 // The exit code of every failure.
 inline constexpr int kFailed = 2;
+// The call went through and the function refused it; its reason went to
+// standard error.
+inline constexpr int kRefused = 1;
 
 // What the command line asked for; filled in by the command table's setups.
 struct cli_args_t {

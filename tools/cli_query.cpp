@@ -13,6 +13,7 @@
 #include "orv/dbus_value.h"
 #include "orv/protocol.h"
 #include "orv/variant.h"
+#include "orv/variant_map.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ std::optional<variant_map_t> parseArguments(const std::string& json) {
     return std::move(*parsed->map());
 }
 
-int printCallReply(const std::string& path, sd_bus_message* reply) {
+int printCallReply(const std::string& what, sd_bus_message* reply) {
     variant_t result;
     variant_map_t out;
     int r = orv_dbus_readVariant(reply, &result);
@@ -37,14 +38,21 @@ int printCallReply(const std::string& path, sd_bus_message* reply) {
         r = orv_dbus_readMap(reply, &out);
     }
     if (r < 0) {
-        cli_complain("unexpected reply from " + path, r);
+        cli_complain("unexpected reply from " + what, r);
         return kFailed;
     }
+    // A refusal names its reason in the out-argument "error".
+    const variant_t* error = variant_map_find(&out, "error");
+    const std::optional<std::string> reason = error != nullptr ? variant_char(error) : std::nullopt;
     variant_map_t printed;
     printed.push_back({"return", std::move(result)});
     printed.push_back({"out", variant_t(std::move(out))});
     const variant_t line(std::move(printed));
     cli_printLine(variant_toJSON(&line));
+    if (reason) {
+        std::fprintf(stderr, "orv-cli: %s refused: %s\n", what.c_str(), reason->c_str());
+        return kRefused;
+    }
     return 0;
 }
 
@@ -88,7 +96,7 @@ int cli_runCall(const cli_args_t& args) {
         return kFailed;
     }
     message_ptr reply = cli_send(bus.get(), args.path, m.get());
-    return reply ? printCallReply(args.path, reply.get()) : kFailed;
+    return reply ? printCallReply(args.path + "." + args.function, reply.get()) : kFailed;
 }
 
 int cli_runGet(const cli_args_t& args) {

@@ -54,6 +54,14 @@ grep -q 'the state "dim" is not one of on, off, eco' "$work/dim.err" || fail "no
 cli nothing schedule show Light broken
 ((rc == 1)) || fail "a refused text still reached the scheduler"
 
+echo "a call the scheduler refuses: its reason on standard error, exit 1"
+cli refused call Scheduler enableSchedule '{"type": "Light", "ID": "evening"}'
+((rc == 1)) || fail "a refused call exited $rc, not 1"
+grep -qx "orv-cli: Scheduler.enableSchedule refused: 'enable' is missing" "$work/refused.err" ||
+    fail "no reason on standard error: $(cat "$work/refused.err")"
+grep -qF '{"return":false,"out":{"error":"'"'"'enable'"'"' is missing"}}' "$work/refused.out" ||
+    fail "the answer lacks its error: $(cat "$work/refused.out")"
+
 echo "show, next and their JSON"
 cli show schedule show Light "$now"
 same show.out schedule_show.out

@@ -28,11 +28,17 @@ add() {
         begin u $((now + ${2:-600})) end u $((now + ${3:-1200}))
 }
 
-# The answer of a call: true, false or error.
+# The answer of a call: true, false (a refusal carries its reason as the
+# one out-argument "error"; the minimal client below prints none) or error.
 answer() {
     local out
     out=$("$@" 2>/dev/null) || { echo error; return; }
-    [[ $out =~ ^va\{sv\}\ b\ (true|false)\ 0$ ]] && echo "${BASH_REMATCH[1]}" || echo "$out"
+    if [[ $out =~ ^va\{sv\}\ b\ (true|false)\ 0$ ||
+          $out =~ ^va\{sv\}\ b\ (false)\ 1\ \"error\"\ s\ \".+\"$ ]]; then
+        echo "${BASH_REMATCH[1]}"
+    else
+        echo "$out"
+    fi
 }
 
 # Calls enableSchedule with an ID of SIZE bytes through a minimal D-Bus client,
