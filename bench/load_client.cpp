@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "orv/dbus_value.h"
+#include "orv/protocol.h"
 
 namespace load {
 
@@ -14,7 +15,6 @@ namespace {
 
 constexpr const char* kScheduler = "org.orv.Scheduler";
 constexpr const char* kSchedulerPath = "/Scheduler";
-constexpr const char* kInterface = "org.orv.Object";
 constexpr const char* kClientName = "org.orv.Bench";
 constexpr const char* kClientPath = "/Bench/Client";
 constexpr std::uint64_t kCallTimeoutUs = 60000000;
@@ -57,7 +57,7 @@ bool load_t::open(const std::string& address) {
         return false;
     }
     sd_bus_slot* slot = nullptr;
-    r = sd_bus_add_object_vtable(bus_.get(), &slot, kClientPath, kInterface, kVtable, this);
+    r = sd_bus_add_object_vtable(bus_.get(), &slot, kClientPath, orv_dbus_interface, kVtable, this);
     object_.reset(slot);
     if (r < 0) {
         complain("cannot serve " + std::string(kClientPath), r);
@@ -82,7 +82,7 @@ void load_t::close() {
 std::optional<bool> load_t::call(const char* function, const variant_map_t& arguments,
                                  std::int64_t* elapsedNs) {
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus_.get(), &raw, kScheduler, kSchedulerPath, kInterface,
+    int r = sd_bus_message_new_method_call(bus_.get(), &raw, kScheduler, kSchedulerPath, orv_dbus_interface,
                                            function);
     orv_message_ptr m(raw);
     if (r >= 0) {
