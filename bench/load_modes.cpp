@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -72,6 +73,21 @@ variant_map_t removeArguments(const std::string& id) {
 
 // --- Steps the loads share -----------------------------------------------------
 
+// How many schedules have been told state so far; cheap until there are as
+// many arrivals as wanted, so that waiting does not delay the arrivals.
+std::size_t schedulesHeard(const load_t& load, const std::string& state, std::size_t wanted) {
+    if (load.arrivals().size() < wanted) {
+        return 0;
+    }
+    std::set<std::string> heard;
+    for (const arrival_t& arrival : load.arrivals()) {
+        if (arrival.state == state) {
+            heard.insert(arrival.id);
+        }
+    }
+    return heard.size();
+}
+
 bool add(load_t& load, const variant_map_t& arguments, std::int64_t* elapsedNs = nullptr) {
     if (load.call("addSchedule", arguments, elapsedNs) != true) {
         complain("addSchedule did not return true");
@@ -89,10 +105,12 @@ bool addOnce(load_t& load, const std::vector<std::int64_t>& due, std::int64_t la
         }
     }
     // Each schedule's client was told its present state, and those calls
-    // follow the replies: they must be in before the count starts.
+    // follow the replies: they must be in before the count starts. A state
+    // may come twice, when the client's name is seen appearing after a
+    // schedule was added, so the wait is for every schedule, not a count.
     const std::int64_t settled =
         monotonicNs() + due.front() * kNsPerSecond - realtimeNs() - kNsPerSecond / 5;
-    load.waitFor(settled, [&] { return load.arrivals().size() >= due.size(); });
+    load.waitFor(settled, [&] { return schedulesHeard(load, "off", due.size()) >= due.size(); });
     const std::int64_t spare = due.front() * kNsPerSecond - realtimeNs();
     if (spare < kNsPerSecond / 5) {
         complain("adding the schedules took too long for the first change; raise --lead");
@@ -103,11 +121,15 @@ bool addOnce(load_t& load, const std::vector<std::int64_t>& due, std::int64_t la
 }
 
 // The arrivals that switch "on", by schedule index; false unless each
-// schedule's change arrived exactly once.
+// schedule's change arrived exactly once. A repeated "off" is a schedule's
+// present state told again, not a change.
 bool onArrivals(const load_t& load, std::size_t count, std::vector<std::int64_t>* arrived) {
     arrived->assign(count, -1);
     std::size_t unexpected = 0;
     for (const arrival_t& arrival : load.arrivals()) {
+        if (arrival.state == "off") {
+            continue;
+        }
         if (arrival.state != "on" || arrival.id.size() < 2 || arrival.id[0] != 'L') {
             ++unexpected;
             continue;
@@ -142,7 +164,7 @@ bool awaitChanges(load_t& load, const std::vector<std::int64_t>& due, std::int64
     }
     const std::int64_t deadline =
         monotonicNs() + (last + spareSeconds) * kNsPerSecond - realtimeNs();
-    load.waitFor(deadline, [&] { return load.arrivals().size() >= due.size(); });
+    load.waitFor(deadline, [&] { return schedulesHeard(load, "on", due.size()) >= due.size(); });
     return onArrivals(load, due.size(), arrived);
 }
 

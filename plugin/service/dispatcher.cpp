@@ -56,32 +56,43 @@ std::uint32_t alignToSecond(std::uint32_t timeout, time_t now) {
     return remainingUs <= 0 ? 0 : static_cast<std::uint32_t>((remainingUs + 999) / 1000);
 }
 
+// The state a schedule holds, as told when it is recomputed and when its
+// client comes back: a fixed state, or else scheduled, what its entries say.
+const std::string& presentState(const schedule_record_t& record, const std::string& scheduled) {
+    const std::string* fixed = schedule_fixedState(record);
+    return fixed != nullptr ? *fixed : scheduled;
+}
+
+// Tells a schedule's client its present state when it shows another, and
+// publishes the schedule.
+void tellPresent(const service_t& service, object_t* instance, schedule_record_t& record,
+                 const std::string& scheduled) {
+    const std::string state = presentState(record, scheduled);
+    if (record.status.current != state) {
+        orv_plugin_setStateRPC(service, instance, record, state);
+    }
+    schedules_publish(instance, record);
+}
+
 // A schedule computed anew for now: its next change, when its entries
-// decide, goes into planned, and its client is told the state it holds now
-// when it shows another. One search serves both.
+// decide, goes into planned, and its client is told the state it holds now.
+// One search serves both. A temporary state runs on the schedule's entries,
+// and lasts until they next change the state.
 void recomputeOne(service_t& service, object_t* instance, time_t now,
                   std::vector<agenda_t<object_t*>::item_t>& planned) {
     schedule_record_t& record = *schedules_record(instance);
-    const std::string* fixed = schedule_fixedState(record);
-    std::string state = fixed != nullptr ? *fixed : std::string();
     record.next = 0;
-    // A temporary state runs on the schedule's entries, and lasts until they
-    // next change the state.
+    std::string scheduled;
     if (record.enabled && record.override.empty()) {
         position_t position =
             schedule_position(record.spec, now, schedule_heldState(record.status));
-        if (fixed == nullptr) {
-            state = std::move(position.state);
-        }
+        scheduled = std::move(position.state);
         if (position.next) {
             record.next = position.next->time;
             planned.push_back({instance, std::move(*position.next)});
         }
     }
-    if (record.status.current != state) {
-        orv_plugin_setStateRPC(service, instance, record, state);
-    }
-    schedules_publish(instance, record);
+    tellPresent(service, instance, record, scheduled);
 }
 
 // Every schedule computed anew for now, whether it had a change planned or
@@ -177,10 +188,10 @@ void dispatch_run(service_t& service, bool recomputeFirst) {
 void dispatch_reassert(service_t& service, const std::vector<object_t*>& instances, time_t now) {
     for (object_t* instance : instances) {
         schedule_record_t& record = *schedules_record(instance);
-        const std::string* fixed = schedule_fixedState(record);
-        orv_plugin_setStateRPC(service, instance, record,
-                               fixed != nullptr ? *fixed : schedule_stateAt(record.spec, now));
-        schedules_publish(instance, record);
+        // Told even when it shows the state: the client may have restarted
+        // in another.
+        record.status.current.reset();
+        tellPresent(service, instance, record, schedule_stateAt(record.spec, now));
     }
 }
 
