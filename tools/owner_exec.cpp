@@ -122,25 +122,24 @@ void owner_exec_t::startNext() {
     }
 }
 
-// Starts the command for a job; false (with a log line) when it could not
-// run at all. A pipe closed on exec tells whether exec worked.
-bool owner_exec_t::start(const job_t& job) {
-    const std::vector<std::string> argv = owner_substitute(command_, job.id, job.state);
+// Forks and executes argv in a process group of its own; its pid, or -1
+// (with a log line) when it could not run at all. A pipe closed on exec
+// tells whether exec worked.
+pid_t owner_exec_t::spawn(const std::vector<std::string>& argv, const std::string& what) {
     std::vector<char*> pointers;
     for (const std::string& argument : argv) {
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }
     pointers.push_back(nullptr);
-    const std::string what = "\"" + job.id + "\" -> " + job.state + ": " + argv[0];
     pipe_t report;
     if (::pipe2(report.fds, O_CLOEXEC) != 0) {
         log_(what + ": cannot start: " + std::strerror(errno));
-        return false;
+        return -1;
     }
     const pid_t pid = ::fork();
     if (pid < 0) {
         log_(what + ": cannot start: " + std::strerror(errno));
-        return false;
+        return -1;
     }
     if (pid == 0) {
         execChild(pointers, report.fds[1]);
@@ -151,6 +150,18 @@ bool owner_exec_t::start(const job_t& job) {
     if (::read(report.fds[0], &error, sizeof error) == sizeof error) {
         log_(what + ": cannot run: " + std::strerror(error));
         ::waitpid(pid, nullptr, 0);
+        return -1;
+    }
+    return pid;
+}
+
+// Starts the command for a job; false (with a log line) when it could not
+// run at all or could not be followed.
+bool owner_exec_t::start(const job_t& job) {
+    const std::vector<std::string> argv = owner_substitute(command_, job.id, job.state);
+    const std::string what = "\"" + job.id + "\" -> " + job.state + ": " + argv[0];
+    const pid_t pid = spawn(argv, what);
+    if (pid < 0) {
         return false;
     }
     sd_event_source* child = nullptr;

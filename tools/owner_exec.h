@@ -50,6 +50,7 @@ class owner_exec_t {
         std::string state;
     };
     void startNext();
+    pid_t spawn(const std::vector<std::string>& argv, const std::string& what);
     bool start(const job_t& job);
     void finished(const siginfo_t& info);
     static int onChild(sd_event_source* source, const siginfo_t* info, void* userdata);

@@ -53,7 +53,8 @@ refusals=$({
         \"State\": \"on; touch $work/pwned\"}"
     call overrideState '{"type": "Light", "ID": "porch light", "State": "$(reboot)"}'
 } 2>&1)
-[[ $(grep -c "is not a state of type 'Light'" <<<"$refusals") == 2 ]] ||
+[[ $(grep -c "^orv-cli: Scheduler.overrideState refused: state .* is not a state of type 'Light'$" \
+    <<<"$refusals") == 2 ]] ||
     fail "the states were not refused: $refusals"
 sleep 0.5
 [[ ! -e $work/pwned && $(wc -l <"$work/args") == "$runs" ]] || fail "a refused state ran something"

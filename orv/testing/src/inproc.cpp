@@ -156,43 +156,13 @@ bool orv_inproc_bus_t::send(request_t* request, orv_request_sink_t* sink) {
         return false;
     }
     if (request->type() == request_type_exec_function) {
-        const std::string_view root = rootOf(request->path());
-        const bool owned =
-            !root.empty() && std::any_of(objects_.begin(), objects_.end(), [&](const auto& entry) {
-                return rootOf(entry.first) == root;
-            });
-        if (!owned) {
-            return false;
-        }
-        calls_.push_back(call_t{loop_ ? loop_->now_us() : 0, request->path(), request->function(),
-                                request->parameters()});
-        return true;
+        return sendCall(request);
     }
     if (request->type() != request_type_get_object) {
         return false;
     }
-
-    std::vector<reply_item_t> items;
     bool stayOpen = false;
-    if (request->path().empty()) {
-        // The root lookup: one item for each root on the bus.
-        for (const std::string& root : roots_) {
-            auto it = objects_.find(root);
-            items.push_back(reply_item_t::object(
-                remote_object_t{root, it == objects_.end() ? variant_map_t{} : it->second}));
-        }
-        stayOpen = (request->attributes() & request_wait) != 0;
-    } else {
-        auto it = objects_.find(request->path());
-        if (it != objects_.end()) {
-            items.push_back(reply_item_t::object(remote_object_t{it->first, it->second}));
-        } else {
-            items.push_back(
-                reply_item_t::error(orv_error_not_found, "object not found", request->path()));
-        }
-        stayOpen = (request->attributes() & kStayOpen) != 0;
-    }
-
+    std::vector<reply_item_t> items = objectItems(request, &stayOpen);
     open_.push_back(open_t{request, sink});
     if (!stayOpen) {
         oneShot_.insert(request->id());
@@ -201,6 +171,46 @@ bool orv_inproc_bus_t::send(request_t* request, orv_request_sink_t* sink) {
         post(request, std::move(items));
     }
     return true;
+}
+
+// A function call is recorded when some object of its root is on the bus.
+bool orv_inproc_bus_t::sendCall(request_t* request) {
+    const std::string_view root = rootOf(request->path());
+    const bool owned = !root.empty() &&
+                       std::any_of(objects_.begin(), objects_.end(),
+                                   [&](const auto& entry) { return rootOf(entry.first) == root; });
+    if (!owned) {
+        return false;
+    }
+    calls_.push_back(call_t{loop_ ? loop_->now_us() : 0, request->path(), request->function(),
+                            request->parameters()});
+    return true;
+}
+
+// The first answer of a get-object request, and whether the request stays
+// open after it.
+std::vector<reply_item_t> orv_inproc_bus_t::objectItems(const request_t* request,
+                                                        bool* stayOpen) const {
+    std::vector<reply_item_t> items;
+    if (request->path().empty()) {
+        // The root lookup: one item for each root on the bus.
+        for (const std::string& root : roots_) {
+            auto it = objects_.find(root);
+            items.push_back(reply_item_t::object(
+                remote_object_t{root, it == objects_.end() ? variant_map_t{} : it->second}));
+        }
+        *stayOpen = (request->attributes() & request_wait) != 0;
+        return items;
+    }
+    auto it = objects_.find(request->path());
+    if (it != objects_.end()) {
+        items.push_back(reply_item_t::object(remote_object_t{it->first, it->second}));
+    } else {
+        items.push_back(
+            reply_item_t::error(orv_error_not_found, "object not found", request->path()));
+    }
+    *stayOpen = (request->attributes() & kStayOpen) != 0;
+    return items;
 }
 
 void orv_inproc_bus_t::forget(request_t* request) {

@@ -60,6 +60,8 @@ class orv_inproc_bus_t final : public orv_transport_t {
     bool notify(const notification_t* notification) override;
 
   private:
+    bool sendCall(request_t* request);
+    std::vector<reply_item_t> objectItems(const request_t* request, bool* stayOpen) const;
     struct open_t {
         request_t* request;
         orv_request_sink_t* sink;
