@@ -1,4 +1,5 @@
 // The operations that add, remove and read schedules.
+#include <algorithm>
 #include <utility>
 
 #include "change_notice.h"
@@ -128,7 +129,10 @@ outcome_t removeSchedules(service_t& service, const text_arg_t& type,
     } else if (typeInstance != nullptr) {
         for (const variant_t& element : *ids) {
             const std::string id = variant_char(&element).value_or("");
-            if (object_t* instance = schedules_find(typeInstance, id)) {
+            object_t* instance = schedules_find(typeInstance, id);
+            // An ID named twice is removed once.
+            if (instance != nullptr &&
+                std::find(removed.begin(), removed.end(), instance) == removed.end()) {
                 removed.push_back(instance);
             }
         }

@@ -77,6 +77,8 @@ const std::vector<std::string> kRows = {
     R"("def":"off","override":"","schedule":[]}})",
     // Keys it does not know are ignored.
     R"(true addSchedule {"type":"Light","info":{"ID":"x1","colour":"red",@X@,"schedule":[]}})",
+    // An ID named twice is removed once.
+    R"(true removeSchedules {"type":"Light","ID":["x1","x1"]})",
     R"(false addSchedule {@I@"schedule":"on"}})",
     R"(false addSchedule {@I@"schedule":{"state":"on"}}})",
     R"(false addSchedule {@I@"schedule":[[@E@]]}})",
