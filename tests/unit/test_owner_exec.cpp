@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "owner_exec.h"
@@ -119,12 +120,17 @@ TEST_F(OwnerExecTest, RunsInOrderAndKillsAHangingCommandWithItsGroup) {
     EXPECT_EQ(file("out"), "b on\nc off\n");
     const std::string sleeper = file("pid");
     ASSERT_FALSE(sleeper.empty());
-    // The grandchild went with the group (or is a zombie of init's).
-    const bool gone =
-        ::kill(std::atoi(sleeper.c_str()), 0) != 0 ||
-        file("/proc/" + sleeper.substr(0, sleeper.size() - 1) + "/stat").find(") Z") !=
-            std::string::npos;
-    EXPECT_TRUE(gone);
+    // The grandchild went with the group (or is a zombie of init's). A
+    // SIGKILL is delivered, not waited for, so it may take a moment.
+    const auto gone = [&] {
+        return ::kill(std::atoi(sleeper.c_str()), 0) != 0 ||
+               file("/proc/" + sleeper.substr(0, sleeper.size() - 1) + "/stat").find(") Z") !=
+                   std::string::npos;
+    };
+    for (int tries = 0; tries < 200 && !gone(); ++tries) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_TRUE(gone());
     EXPECT_EQ(exec->counts().run, 3u);
     EXPECT_EQ(exec->counts().failed, 1u);
 }
