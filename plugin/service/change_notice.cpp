@@ -15,7 +15,8 @@ constexpr std::uint32_t kNoticeDelayMs = 5000;
 // recorded. A failure ends the run; the names not sent yet wait for the next
 // change.
 void sendChangeNotifications(service_t& service) {
-    std::unique_ptr<notification_t> notification = notification_create(notification_schedules_changed);
+    std::unique_ptr<notification_t> notification =
+        notification_create(notification_schedules_changed);
     if (!notification) {
         tolvTrace(TRACE_LEVEL_WARNING, "Failed to create notification");
         return;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@
 std::string operations_noType(const std::string& type);
 // The type instance, or null with the reason.
 object_t* operations_findType(service_t& service, const std::string& type, std::string* reason);
+// The type instance an argument names; null with the reason when the
+// argument is missing or the type is not registered.
+object_t* operations_typeArgument(service_t& service, const std::optional<std::string>& type,
+                                  std::string* reason);
 // The schedule instance, or null with the reason.
 object_t* operations_findSchedule(service_t& service, const std::string& type,
                                   const std::string& id, std::string* reason);

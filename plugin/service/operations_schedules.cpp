@@ -42,6 +42,15 @@ object_t* operations_findType(service_t& service, const std::string& type, std::
     return typeInstance;
 }
 
+object_t* operations_typeArgument(service_t& service, const std::optional<std::string>& type,
+                                  std::string* reason) {
+    if (!type) {
+        *reason = outcome_missing("type");
+        return nullptr;
+    }
+    return operations_findType(service, *type, reason);
+}
+
 object_t* operations_findSchedule(service_t& service, const std::string& type,
                                   const std::string& id, std::string* reason) {
     object_t* typeInstance = operations_findType(service, type, reason);
@@ -80,11 +89,8 @@ bool operations_start(service_t& service, object_t* typeInstance,
 }
 
 outcome_t addSchedule(service_t& service, const text_arg_t& type, const schedule_t* schedule) {
-    if (!type) {
-        return outcome_t::refused(__func__, outcome_missing("type"));
-    }
     std::string reason;
-    object_t* typeInstance = operations_findType(service, *type, &reason);
+    object_t* typeInstance = operations_typeArgument(service, type, &reason);
     if (typeInstance == nullptr) {
         return outcome_t::refused(__func__, std::move(reason));
     }
@@ -147,11 +153,8 @@ outcome_t removeSchedules(service_t& service, const text_arg_t& type,
 
 outcome_t getSchedules(service_t& service, const text_arg_t& type, variant_list_t* list,
                        bool complete) {
-    if (!type) {
-        return outcome_t::refused(__func__, outcome_missing("type"));
-    }
     std::string reason;
-    object_t* typeInstance = operations_findType(service, *type, &reason);
+    object_t* typeInstance = operations_typeArgument(service, type, &reason);
     if (typeInstance == nullptr) {
         return outcome_t::refused(__func__, std::move(reason));
     }

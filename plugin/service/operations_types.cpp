@@ -61,11 +61,8 @@ outcome_t registerScheduleType(service_t& service, const text_arg_t& type, const
 }
 
 outcome_t unregisterScheduleType(service_t& service, const text_arg_t& type) {
-    if (!type) {
-        return outcome_t::refused(__func__, outcome_missing("type"));
-    }
     std::string reason;
-    object_t* typeInstance = operations_findType(service, *type, &reason);
+    object_t* typeInstance = operations_typeArgument(service, type, &reason);
     if (typeInstance == nullptr) {
         return outcome_t::refused(__func__, std::move(reason));
     }
