@@ -10,6 +10,7 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     tzdata dbus-daemon dbus-bin systemd libglib2.0-bin
     clang libclang-rt-dev valgrind jq librsvg2-bin libxml2-utils scdoc groff-base
+    libcpp-httplib-dev curl chromium chromium-driver python3-selenium
 )
 
 missing=()

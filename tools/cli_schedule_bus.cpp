@@ -3,7 +3,6 @@
 #include <systemd/sd-bus.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "orv/dbus_value.h"
 #include "orv/protocol.h"
@@ -35,30 +34,6 @@ scheduler::schedule_status_t statusOf(const scheduler::json& value) {
         throw cli_failure_t{kFailed, "the scheduler's answer is not a schedule: " + problem.text()};
     }
     return std::move(*status);
-}
-
-// "1795562089 (Tue Nov 24 23:14:49 2026) switch state to on": the time and
-// the state, or nothing for the lines around them.
-std::optional<std::pair<std::time_t, std::string>> simulationLine(const std::string& line,
-                                                                  std::string* startState) {
-    char* end = nullptr;
-    const long long t = std::strtoll(line.c_str(), &end, 10);
-    const auto close = line.find(") ");
-    if (end == line.c_str() || close == std::string::npos) {
-        return std::nullopt;
-    }
-    const std::string what = line.substr(close + 2);
-    for (const char* phrase : {"switch state to ", "send event ", "starttime with state "}) {
-        if (what.rfind(phrase, 0) == 0) {
-            std::string state = what.substr(std::strlen(phrase));
-            if (std::strcmp(phrase, "starttime with state ") == 0) {
-                *startState = std::move(state);
-                return std::nullopt;
-            }
-            return std::pair(static_cast<std::time_t>(t), std::move(state));
-        }
-    }
-    return std::nullopt;
 }
 
 }  // namespace
@@ -125,7 +100,8 @@ cli_simulation_t cli_simulate(sd_bus* bus, const std::string& type, const std::s
     }
     for (const auto& line : result.returned) {
         if (line.is_string()) {
-            if (auto change = simulationLine(line.get<std::string>(), &simulation.stateNow)) {
+            if (auto change =
+                    scheduler::simulation_line(line.get<std::string>(), &simulation.stateNow)) {
                 simulation.changes.push_back(std::move(*change));
             }
         }

@@ -2,36 +2,7 @@
 // when it is set, and when the local time zone file changes.
 #pragma once
 
-#include <unistd.h>
-
-#include <utility>
-
-// Owns a file descriptor.
-class unique_fd_t {
-  public:
-    explicit unique_fd_t(int fd = -1) : fd_(fd) {}
-    ~unique_fd_t() { reset(); }
-    unique_fd_t(unique_fd_t&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    unique_fd_t& operator=(unique_fd_t&& other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    unique_fd_t(const unique_fd_t&) = delete;
-    unique_fd_t& operator=(const unique_fd_t&) = delete;
-    int get() const { return fd_; }
-    void reset() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
+#include "orv/unique_fd.h"
 
 // The kernel's view, or the flag file that the time synchronisation daemon
 // leaves once it has set the clock.

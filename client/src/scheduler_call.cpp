@@ -2,6 +2,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "orv/dbus_handle.h"
@@ -80,6 +81,28 @@ call_result_t scheduler_call(sd_bus* bus, const std::string& function, const jso
                                                   : std::string(std::strerror(-r))));
     }
     return readReply(function, reply.get());
+}
+
+std::optional<std::pair<std::time_t, std::string>> simulation_line(const std::string& line,
+                                                                   std::string* startState) {
+    char* end = nullptr;
+    const long long t = std::strtoll(line.c_str(), &end, 10);
+    const auto close = line.find(") ");
+    if (end == line.c_str() || close == std::string::npos) {
+        return std::nullopt;
+    }
+    const std::string what = line.substr(close + 2);
+    for (const char* phrase : {"switch state to ", "send event ", "starttime with state "}) {
+        if (what.rfind(phrase, 0) == 0) {
+            std::string state = what.substr(std::strlen(phrase));
+            if (std::strcmp(phrase, "starttime with state ") == 0) {
+                *startState = std::move(state);
+                return std::nullopt;
+            }
+            return std::pair(static_cast<std::time_t>(t), std::move(state));
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace scheduler

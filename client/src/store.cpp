@@ -11,34 +11,13 @@
 #include <sstream>
 #include <system_error>
 
+#include "orv/unique_fd.h"
+
 namespace scheduler {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-// Owns a file descriptor.
-class fd_t {
-  public:
-    explicit fd_t(int fd) : fd_(fd) {}
-    ~fd_t() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    fd_t(const fd_t&) = delete;
-    fd_t& operator=(const fd_t&) = delete;
-    int get() const { return fd_; }
-    // Closes now, so that a failed close is seen.
-    bool close() {
-        const int fd = fd_;
-        fd_ = -1;
-        return ::close(fd) == 0;
-    }
-
-  private:
-    int fd_;
-};
 
 // "line 3, column 14" for a byte offset in text (counted from 1).
 std::string lineAndColumn(std::string_view text, std::size_t byte) {
@@ -234,7 +213,7 @@ store_content_t store_t::load() {
 bool store_t::save(const store_content_t& content) {
     const std::string text = store_format(type_, content);
     const fs::path temporary = file_.string() + ".tmp";
-    fd_t out(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    unique_fd_t out(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     bool ok = out.get() >= 0;
     for (std::size_t done = 0; ok && done < text.size();) {
         const ssize_t n = ::write(out.get(), text.data() + done, text.size() - done);
@@ -272,7 +251,7 @@ bool store_t::replace(const fs::path& temporary) {
         return false;
     }
     const fs::path folder = file_.parent_path().empty() ? fs::path(".") : file_.parent_path();
-    fd_t directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    unique_fd_t directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.get() < 0 || ::fsync(directory.get()) != 0) {
         log_("store: " + errnoText("cannot flush the folder", folder));
     }
