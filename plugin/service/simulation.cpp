@@ -108,6 +108,9 @@ variant_list_t simulation_schedule(const object_t* instance, time_t start, time_
             variant_list_addString(&lines, "Simulation ends");
             return lines;
         }
+        // The first change listed ends a temporary state; the rest of the
+        // run follows the schedule alone.
+        held = nullptr;
         t = next->time;
     }
 }

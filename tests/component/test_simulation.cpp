@@ -125,6 +125,14 @@ TEST(Simulation, OneScheduleListsItsChangesWithoutTouchingTheClient) {
     EXPECT_EQ(simulate(host, "simulateSchedule", R"("type":"Light",)", kTuesday, kWednesday),
               lines_t{});
     EXPECT_EQ(host.setStateCalls().size(), calls);
+
+    // A temporary state skips the changes into it only until the schedule
+    // next changes; the days after it are listed as they come.
+    host.call("overrideState", R"({"type":"Light","ID":"night","State":"on"})");
+    EXPECT_EQ(
+        simulate(host, "simulateSchedule", R"("type":"Light","ID":"night",)", kTuesday, kWednesday),
+        (lines_t{kNightHourLines[0], kNightHourLines[1], kNightHourLines[3], kNightHourLines[4],
+                 kNightHourLines[5]}));
 }
 
 TEST(Simulation, AllSchedulesRunTheAgendaAndRebuildItForTheStart) {
