@@ -7,8 +7,10 @@
 # schedules in a store that outlives the run (build/demo-state/light.json, or
 # $XDG_STATE_HOME/orv-scheduler-demo when that is set), and runs a command for
 # each "setState". The first run adds an Hourly schedule that switches the
-# light every 5 seconds; later runs find it in the store. It prints a
-# simulation of the next two minutes and each command the owner runs.
+# light every 5 seconds and a Weekly one for the evenings; later runs find
+# them in the store. It prints a simulation of the next two minutes, the
+# address of the web console (orv-web, with its token) and each command the
+# owner runs.
 # Ctrl-C (or --for SECONDS) stops everything cleanly.
 #
 # It uses the session bus when one is reachable, and otherwise a private
@@ -94,6 +96,24 @@ owner_pid=$!
 await org.orv.Device
 pids=("$owner_pid" "$orvd_pid" "$time_pid" ${bus_pid:+"$bus_pid"})
 
+# The web console, on ORV_WEB_PORT (8080 unless set); its token stays beside
+# the owner's store so that an open page keeps working across runs.
+port=${ORV_WEB_PORT:-8080}
+"$bin/web/orv-web" --bus "$bus" --listen "127.0.0.1:$port" --token-file "$state/web-token" \
+    >"$run/web.out" 2>"$run/web.log" &
+web_pid=$!
+pids=("$web_pid" "${pids[@]}")
+for _ in $(seq 50); do
+    grep -q listening "$run/web.out" 2>/dev/null && break
+    kill -0 "$web_pid" 2>/dev/null || break
+    sleep 0.1
+done
+if grep -q listening "$run/web.out" 2>/dev/null; then
+    echo "The web console: http://127.0.0.1:$port/#token=$(head -n 1 "$state/web-token")"
+else
+    echo "The web console did not start (port $port taken? set ORV_WEB_PORT): $(cat "$run/web.log")"
+fi
+
 if cli call Scheduler getSchedule '{"type": "Light", "ID": "blink"}' | grep -q '"return":true'; then
     echo "The schedule \"blink\" came back from the store:"
     cli get Scheduler.Types.Light.Schedules.blink
@@ -109,6 +129,10 @@ else
     cli call Scheduler addSchedule "{\"type\": \"Light\", \"info\": {\"ID\": \"blink\",
         \"enable\": true, \"base\": \"Hourly\", \"def\": \"off\", \"override\": \"\",
         \"schedule\": [$entries]}}"
+fi
+if ! cli call Scheduler getSchedule '{"type": "Light", "ID": "evening"}' >/dev/null 2>&1; then
+    echo "Adding the Weekly schedule \"evening\", to see and edit in the console:"
+    cli schedule add Light evening 'Mon-Fri 18:00-23:00 on; Sat,Sun 09:00-23:30 on; default off'
 fi
 
 start=$(date -u +%Y-%m-%dT%H:%M:%SZ)
