@@ -54,7 +54,8 @@ start_orvd
 echo "first start: a random token is written with mode 0600"
 "$web" --bus "$addr" --listen 127.0.0.1:0 --token-file "$work/token" >"$work/web.out" \
     2>"$work/web.log" &
-pids+=("$!")
+web_pid=$!
+pids+=("$web_pid")
 timeout 10 bash -c "until grep -q listening '$work/web.out'; do sleep 0.05; done" ||
     fail "orv-web did not start"
 url=$(sed -n 's|^listening on \(http://[^/]*\)/$|\1|p' "$work/web.out")
@@ -196,6 +197,15 @@ start_orvd
 timeout 10 bash -c "until (( \$(grep -c '\"present\":true' '$work/events') >= 2 )); do
     sleep 0.05; done" || fail "no event for the scheduler coming back"
 expect 200 GET /api/types '.types[0].name == "Light"'
+
+echo "signals: HUP, USR1, USR2 and PIPE leave it serving; TERM ends it with 0"
+for signal in HUP USR1 USR2 PIPE; do
+    kill -s "$signal" "$web_pid"
+done
+expect 200 GET /api/types
+kill -TERM "$web_pid"
+wait_exit "$web_pid" || fail "orv-web did not stop on SIGTERM"
+((rc == 0)) || fail "orv-web exited $rc on SIGTERM"
 
 echo "a token file that others may read is refused"
 chmod 644 "$work/token"
