@@ -1,5 +1,6 @@
 #include "web_api.h"
 
+#include <algorithm>
 #include <map>
 
 #include "orv/dbus_value.h"
@@ -65,6 +66,11 @@ std::vector<web_held_t> heldOfType(web_bus_t& bus, const type_info_t& type, cons
             list.push_back({std::move(*status), parameters[id]});
         }
     }
+    // A replaced schedule comes last from the scheduler; by ID, a page's
+    // cards stay where people saw them.
+    std::sort(list.begin(), list.end(), [](const web_held_t& a, const web_held_t& b) {
+        return a.status.schedule.id < b.status.schedule.id;
+    });
     return list;
 }
 
@@ -87,6 +93,8 @@ std::vector<type_info_t> typesOf(const json& objects) {
             types.push_back({text(p, "Type"), text(p, "Path"), statesOf(text(p, "States")), path});
         }
     }
+    std::sort(types.begin(), types.end(),
+              [](const type_info_t& a, const type_info_t& b) { return a.name < b.name; });
     return types;
 }
 

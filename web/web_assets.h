@@ -9,5 +9,5 @@ struct web_asset_t {
     std::string_view data;
 };
 
-// The file of that name ("index.html", "console.js", "console.css"), or null.
+// The file of that name ("index.html", "console.js", …), or null.
 const web_asset_t* web_findAsset(std::string_view name);

@@ -169,7 +169,8 @@ web_routed_t web_route(std::string_view method, std::string_view target) {
         return refused(400, "the query has a broken %-escape");
     }
     std::optional<web_route_t> route;
-    if (path == "/" || path == "/console.js" || path == "/console.css") {
+    if (path == "/" || path == "/console.js" || path == "/grid.js" || path == "/console.css" ||
+        path == "/favicon.svg") {
         route.emplace();
         route->asset = path == "/" ? "index.html" : std::string(path.substr(1));
     } else if (web_isApi(path) && path.size() > 5) {

@@ -2,8 +2,14 @@
 
 #include <httplib.h>
 
+#include <condition_variable>
 #include <ctime>
+#include <deque>
+#include <functional>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "web_api.h"
 #include "web_assets.h"
@@ -45,6 +51,64 @@ std::string reasonOf(int status) {
     }
 }
 
+// cpp-httplib's own pool queues every accepted connection without bound.
+// This one makes the accepting thread wait while kThreads connections are
+// served and as many wait, so that further clients wait in the kernel's
+// small backlog instead of costing the console a descriptor and memory each.
+class bounded_pool_t final : public httplib::TaskQueue {
+  public:
+    explicit bounded_pool_t(std::size_t threads) : waitingMax_(threads) {
+        for (std::size_t i = 0; i < threads; ++i) {
+            workers_.emplace_back([this] { work(); });
+        }
+    }
+
+    void enqueue(std::function<void()> fn) override {
+        std::unique_lock lock(mutex_);
+        roomy_.wait(lock, [this] { return jobs_.size() < waitingMax_ || stopping_; });
+        jobs_.push_back(std::move(fn));
+        ready_.notify_one();
+    }
+
+    void shutdown() override {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        ready_.notify_all();
+        roomy_.notify_all();
+        for (std::thread& worker : workers_) {
+            worker.join();
+        }
+    }
+
+  private:
+    void work() {
+        for (;;) {
+            std::function<void()> job;
+            {
+                std::unique_lock lock(mutex_);
+                ready_.wait(lock, [this] { return !jobs_.empty() || stopping_; });
+                if (jobs_.empty()) {
+                    return;
+                }
+                job = std::move(jobs_.front());
+                jobs_.pop_front();
+                roomy_.notify_one();
+            }
+            job();
+        }
+    }
+
+    const std::size_t waitingMax_;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable roomy_;
+    std::deque<std::function<void()>> jobs_;
+    bool stopping_ = false;
+    std::vector<std::thread> workers_;
+};
+
 httplib::Headers securityHeaders() {
     return {{"Content-Security-Policy", "default-src 'self'; frame-ancestors 'none'"},
             {"X-Content-Type-Options", "nosniff"},
@@ -60,7 +124,7 @@ web_server_t::web_server_t(web_bus_t& bus, web_events_t& events, std::string tok
       events_(events),
       token_(std::move(token)),
       server_(std::make_unique<httplib::Server>()) {
-    server_->new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
+    server_->new_task_queue = [] { return new bounded_pool_t(kThreads); };
     server_->set_payload_max_length(kMaxBody);
     server_->set_read_timeout(kTimeoutSeconds);
     server_->set_write_timeout(kTimeoutSeconds);

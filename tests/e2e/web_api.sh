@@ -198,6 +198,42 @@ timeout 10 bash -c "until (( \$(grep -c '\"present\":true' '$work/events') >= 2 
     sleep 0.05; done" || fail "no event for the scheduler coming back"
 expect 200 GET /api/types '.types[0].name == "Light"'
 
+echo "connections: a hundred silent clients cost no more than the pool holds"
+fds() { find "/proc/$web_pid/fd" -mindepth 1 | wc -l; }
+before=$(fds)
+port=${url##*:}
+# The holder opens its connections, waits until every one the kernel lets
+# through is connected, says so, and keeps them silent a while longer.
+python3 -c '
+import select, socket, sys, time
+held = []
+for _ in range(100):
+    s = socket.socket()
+    s.setblocking(False)
+    s.connect_ex(("127.0.0.1", int(sys.argv[1])))
+    held.append(s)
+pending, deadline = list(held), time.time() + 3
+while pending and time.time() < deadline:
+    _, writable, _ = select.select([], pending, [], 0.1)
+    pending = [s for s in pending if s not in writable]
+open(sys.argv[2], "w").write("%d\n" % (len(held) - len(pending)))
+time.sleep(2)
+' "$port" "$work/connected" &
+holder=$!
+timeout 10 bash -c "until [[ -s '$work/connected' ]]; do sleep 0.05; done" ||
+    fail "the idle clients did not connect"
+# The most descriptors seen while the clients are there: the pool serves 16
+# and lets 16 wait, the rest must stay in the kernel's backlog.
+during=$before
+while kill -0 "$holder" 2>/dev/null; do
+    now=$(fds)
+    ((now > during)) && during=$now
+    sleep 0.1
+done
+((during - before <= 40)) || fail "100 idle clients took $((during - before)) descriptors"
+timeout 15 bash -c "until [[ \$(curl -s -o /dev/null -w '%{http_code}' -H 'Authorization: Bearer $token' \
+    '$url/api/types') == 200 ]]; do sleep 0.2; done" || fail "no answer after the idle clients left"
+
 echo "signals: HUP, USR1, USR2 and PIPE leave it serving; TERM ends it with 0"
 for signal in HUP USR1 USR2 PIPE; do
     kill -s "$signal" "$web_pid"

@@ -3,8 +3,7 @@
 // or a list of coming changes, editable by drawing on the grid or through
 // the text form, and kept current by the server's event stream.
 
-const DAYS = ['Mon', 'Tue', 'Wed', 'Thu', 'Fri', 'Sat', 'Sun'];
-const DAY = 86400, SLOT = 1800, SLOTS = 48, WEEK = 7 * DAY, PALETTE = 8;
+const PALETTE = 8;
 const typeViews = new Map(), timers = new Map();
 let token = null;
 
@@ -12,17 +11,12 @@ const $ = (root, selector) => root.querySelector(selector);
 const byId = (id) => document.getElementById(id);
 const sleep = (ms) => new Promise((done) => setTimeout(done, ms));
 const yes = (v) => v === true || v === 'true' || v === '1';
-const two = (n) => String(n).padStart(2, '0');
-const hhmm = (s) => two(Math.floor(s / 3600)) + ':' + two(Math.floor(s % 3600 / 60));
 const schedulePath = (type, id) =>
   '/api/types/' + encodeURIComponent(type) + '/schedules/' + encodeURIComponent(id);
 
-function el(tag, cls, text) {
-  const e = document.createElement(tag);
-  if (cls) e.className = cls;
-  if (text !== undefined) e.textContent = text;
-  return e;
-}
+const el = (tag, cls = '', text = '') =>
+  Object.assign(document.createElement(tag), { className: cls, textContent: text });
+const clone = (id) => byId(id).content.firstElementChild.cloneNode(true);
 
 // Runs fn once, 300 ms after the last of a burst of calls with the same key.
 function later(key, fn, ms = 300) {
@@ -31,8 +25,7 @@ function later(key, fn, ms = 300) {
 }
 
 function setBanner(text) {
-  byId('banner').textContent = text;
-  byId('banner').hidden = !text;
+  Object.assign(byId('banner'), { textContent: text, hidden: !text });
 }
 
 // The token comes in the address's fragment, which browsers never send; it
@@ -68,19 +61,14 @@ function tokenEntered(event) {
 // its status and answer attached; a refused token is asked for again.
 async function api(method, path, body) {
   if (!token) throw Object.assign(new Error('no access token'), { status: 401, body: {} });
-  const init = { method, cache: 'no-store', headers: { Authorization: 'Bearer ' + token } };
-  if (body !== undefined) {
-    init.headers['Content-Type'] = 'application/json';
-    init.body = JSON.stringify(body);
-  }
-  const res = await fetch(path, init);
+  const headers = { Authorization: 'Bearer ' + token, 'Content-Type': 'application/json' };
+  const res = await fetch(path, { method, headers, cache: 'no-store',
+    body: body && JSON.stringify(body) });
   const data = await res.json().catch(() => ({}));
   if (res.status === 401) askToken('The token was refused; enter it again.');
-  if (!res.ok) {
-    throw Object.assign(new Error(data.error || 'the server answered ' + res.status),
-      { status: res.status, body: data });
-  }
-  return data;
+  if (res.ok) return data;
+  const error = new Error(data.error || 'the server answered ' + res.status);
+  throw Object.assign(error, { status: res.status, body: data });
 }
 
 async function loadTypes() {
@@ -88,7 +76,7 @@ async function loadTypes() {
     const data = await api('GET', '/api/types');
     setBanner('');
     sync(byId('types'), typeViews, data.types, (t) => t.name, (t) => new TypeView(t.name));
-    if (!data.types.length) byId('types').append(el('p', 'empty', 'No schedule type is registered.'));
+    if (!data.types.length) byId('types').append(el('p', 'empty', 'No type is registered.'));
   } catch (e) {
     if (e.status === 502) setBanner('Scheduler not on the bus');
     else if (e.status !== 401) setBanner('Cannot load the schedules: ' + e.message);
@@ -110,44 +98,11 @@ function sync(parent, views, items, key, make) {
   });
 }
 
-// Cuts out of the schedule's entries what the painted rectangles cover and
-// puts the painted spans in. Entries keep their exact seconds wherever no
-// rectangle touches them; events are left as they are. A Daily schedule
-// has one day, whichever row was painted.
-function editEntries(schedule, rects) {
-  let entries = schedule.entries.map((e) => ({ ...e }));
-  for (const r of rects) {
-    const last = schedule.base === 'Daily' ? 0 : r.d1;
-    for (let d = schedule.base === 'Daily' ? 0 : r.d0; d <= last; d++) {
-      const lo = d * DAY + r.a * SLOT, hi = d * DAY + (r.b + 1) * SLOT;
-      entries = entries.flatMap((e) => {
-        if (e.begin === e.end || e.end <= lo || e.begin >= hi) return [e];
-        return [e.begin < lo && { ...e, end: lo }, e.end > hi && { ...e, begin: hi }].filter(Boolean);
-      });
-      if (r.state !== schedule.default) entries.push({ begin: lo, end: hi, state: r.state });
-    }
-  }
-  return mergeEntries(entries);
-}
-
-// Sorted by begin, with touching or overlapping spans of one state joined.
-function mergeEntries(entries) {
-  entries.sort((x, y) => x.begin - y.begin || x.end - y.end);
-  const out = [];
-  let span = null;
-  for (const e of entries) {
-    if (e.begin === e.end) out.push(e);
-    else if (span && span.state === e.state && e.begin <= span.end) span.end = Math.max(span.end, e.end);
-    else out.push(span = e);
-  }
-  return out;
-}
-
 // Shows a text form's error under the field: the message, the line with a
 // caret under the column, and the cursor put at that column.
 function showTextError(field, err) {
-  clearTextError(field);
-  const column = Number(err.body.column), text = field.value, at = Math.min(column - 1, text.length);
+  const column = Number(err.body.column), text = field.value;
+  const at = Math.min(column - 1, text.length);
   const start = text.lastIndexOf('\n', at - 1) + 1, stop = text.indexOf('\n', at);
   const box = el('div', 'text-error');
   box.setAttribute('role', 'alert');
@@ -164,19 +119,23 @@ function clearTextError(field) {
   if (next && next.classList.contains('text-error')) next.remove();
 }
 
-function showError(p, e) {
-  p.textContent = e ? e.message : '';
-  p.hidden = !e;
+// Shows why a call failed, or clears it with e null: a text form's error
+// at its column in the field, any other in the paragraph p.
+function report(e, p, field) {
+  if (field) clearTextError(field);
+  if (e && field && e.body && e.body.column) showTextError(field, e);
+  else Object.assign(p, { textContent: e ? e.message : '', hidden: !e });
 }
-
-function clone(id) { return byId(id).content.firstElementChild.cloneNode(true); }
 
 class TypeView {
   constructor(name) {
     Object.assign(this, { name, states: [], cards: new Map(), el: clone('type-template') });
     this.el.dataset.type = name;
     $(this.el, '.type-name').textContent = name;
-    $(this.el, '.new-schedule').addEventListener('submit', (e) => { e.preventDefault(); this.add(); });
+    $(this.el, '.new-schedule').addEventListener('submit', (e) => {
+      e.preventDefault();
+      this.add();
+    });
   }
 
   // The colour class of a state: one of the palette by its place among the
@@ -190,8 +149,9 @@ class TypeView {
   update(t) {
     this.states = t.states;
     $(this.el, '.type-path').textContent = t.path;
-    $(this.el, '.legend').replaceChildren(...t.states.map((s) => el('li', 'chip ' + this.colour(s), s)),
-      el('li', 'chip st-default', "a schedule's default"));
+    const chips = t.states.map((s) => el('li', 'chip ' + this.colour(s), s));
+    chips.push(el('li', 'chip st-default', "a schedule's default"));
+    $(this.el, '.legend').replaceChildren(...chips);
     // By ID, so that a card stays where it was when its schedule changes.
     const schedules = [...t.schedules].sort((a, b) => (a.id < b.id ? -1 : a.id > b.id ? 1 : 0));
     sync($(this.el, '.schedules'), this.cards, schedules, (s) => s.id, (s) => new Card(this, s.id));
@@ -199,35 +159,34 @@ class TypeView {
 
   async add() {
     const form = $(this.el, '.new-schedule'), id = $(form, '.new-id'), text = $(form, '.new-text');
-    clearTextError(text);
-    showError($(form, '.card-error'), null);
+    report(null, $(form, '.card-error'), text);
     try {
       await api('PUT', schedulePath(this.name, id.value.trim()), { text: text.value });
       id.value = text.value = '';
       loadTypes();
     } catch (e) {
-      if (e.body && e.body.column) showTextError(text, e);
-      else showError($(form, '.card-error'), e);
+      report(e, $(form, '.card-error'), text);
     }
   }
 }
 
-// One schedule's card. It keeps the schedule as the server last gave it and
-// the rectangles painted on its grid but not saved yet.
+// One schedule's card. It keeps the schedule as the server last gave it;
+// its week grid keeps what was painted on it but not saved yet.
 class Card {
   constructor(view, id) {
-    Object.assign(this, { view, id, pending: [], drag: null, textDirty: false, el: clone('schedule-template') });
+    Object.assign(this, { view, id, textDirty: false });
+    this.el = clone('schedule-template');
+    const save = (entries) =>
+      this.call('PUT', this.path, { base: this.s.base, default: this.s.default, entries });
+    this.grid = new WeekGrid(this.find('.grid-area'), (state) => view.colour(state, this.s), save);
     Object.assign(this.el.dataset, { type: view.name, id });
     this.find('.schedule-id').textContent = id;
     const wiring = [
       ['.enable', 'change', (e) => this.post('enable', { enable: e.target.checked })],
       ['.override', 'change', (e) => this.post('override', { state: e.target.value })],
       ['.delete', 'click', () => this.remove()],
-      ['.save-grid', 'click', () => this.saveGrid()],
-      ['.cancel-grid', 'click', () => { this.pending = []; this.paint(); }],
       ['.save-text', 'click', () => this.saveText()],
       ['.text-form', 'input', () => { this.textDirty = true; }],
-      ['.grid', 'pointerdown', (e) => this.press(e)],
     ];
     for (const [selector, type, fn] of wiring) this.find(selector).addEventListener(type, fn);
   }
@@ -236,7 +195,7 @@ class Card {
   get path() { return schedulePath(this.view.name, this.id); }
 
   update(s) {
-    Object.assign(this, { s, fetchedAt: Date.now() });
+    this.s = s;
     this.find('.base').textContent = s.base;
     this.setBadge(s.current);
     this.find('.next-change').textContent = s.nextLocal || 'none pending';
@@ -245,8 +204,7 @@ class Card {
     this.fillStates();
     this.find('.override').value = s.override;
     if (!this.textDirty) this.find('.text-form').value = s.text;
-    this.find('.grid-area').hidden = !s.grid;
-    if (s.grid) this.paint();
+    this.grid.show(s);
     this.showUpcoming(s.upcoming);
   }
 
@@ -256,16 +214,18 @@ class Card {
     badge.className = 'current-state badge ' + this.view.colour(state, this.s);
   }
 
-  setTemporary(on) { this.find('.temporary').textContent = on ? 'overridden until the next change' : ''; }
+  setTemporary(on) {
+    this.find('.temporary').textContent = on ? 'overridden until the next change' : '';
+  }
 
   // The controls that list the type's states, rebuilt when those change.
   fillStates() {
     const states = this.view.states, def = this.s.default, key = states.concat(def).join('\n');
     if (key === this.statesKey) return;
     this.statesKey = key;
-    this.find('.override').replaceChildren(new Option('none', ''), ...states.map((s) => new Option(s, s)));
-    this.find('.paint-state').replaceChildren(...states.filter((s) => s !== def).map((s) => new Option(s, s)),
-      new Option('erase (' + def + ')', def));
+    const options = (list) => list.map((s) => new Option(s, s));
+    this.find('.override').replaceChildren(new Option('none', ''), ...options(states));
+    this.grid.fillStates(states, def);
     this.find('.temp-buttons').replaceChildren(...states.map((s) => {
       const b = el('button', 'temp-override', 'Now: ' + s);
       b.type = 'button';
@@ -274,14 +234,16 @@ class Card {
     }));
   }
 
-  // A change the bus announced shows at once; the rest (grid, local time
-  // of the next change) comes with the schedule read shortly after.
-  applyChanges(c) {
+  // A change the bus announced shows at once; the rest (the grid) comes
+  // with the schedule read shortly after. The next change is shown in the
+  // gateway's local time when the event brings it, else in the browser's.
+  applyChanges(c, nextLocal) {
     if ('CurrentState' in c) { this.s.current = c.CurrentState; this.setBadge(c.CurrentState); }
     if ('NextStateChange' in c) {
-      this.find('.next-change').textContent = c.NextStateChange ? new Date(c.NextStateChange).toLocaleString(
-        undefined, { weekday: 'short', day: 'numeric', month: 'short', hour: '2-digit', minute: '2-digit' })
-        : 'none pending';
+      const at = typeof nextLocal === 'string' ? nextLocal : c.NextStateChange &&
+        new Date(c.NextStateChange).toLocaleString(undefined,
+          { weekday: 'short', day: 'numeric', month: 'short', hour: '2-digit', minute: '2-digit' });
+      this.find('.next-change').textContent = at || 'none pending';
     }
     if ('Enable' in c) this.find('.enable').checked = yes(c.Enable);
     if ('Override' in c) this.find('.override').value = c.Override;
@@ -290,20 +252,25 @@ class Card {
   }
 
   async refresh() {
-    try { this.update(await api('GET', this.path)); } catch (e) { if (e.status !== 404) this.fail(e); }
+    try {
+      this.update(await api('GET', this.path));
+    } catch (e) {
+      if (e.status !== 404) this.fail(e);
+    }
   }
 
-  fail(e) { showError(this.find('.card-error'), e); }
+  fail(e, field) { report(e, this.find('.card-error'), field); }
 
   // Sends a change and shows the schedule as the answer has it; on an error
-  // the controls go back to what the schedule was.
-  async call(method, path, body) {
-    this.fail(null);
+  // the controls go back to what the schedule was. A text form's error goes
+  // to its field.
+  async call(method, path, body, field) {
+    this.fail(null, field);
     try {
       this.update(await api(method, path, body));
       return true;
     } catch (e) {
-      this.fail(e);
+      this.fail(e, field);
       this.update(this.s);
       return false;
     }
@@ -320,25 +287,11 @@ class Card {
     } catch (e) { this.fail(e); }
   }
 
-  async saveGrid() {
-    const s = this.s, entries = editEntries(s, this.pending);
-    if (await this.call('PUT', this.path, { base: s.base, default: s.default, entries })) {
-      this.pending = [];
-      this.paint();
-    }
-  }
-
   async saveText() {
     const field = this.find('.text-form');
-    clearTextError(field);
-    this.fail(null);
-    try {
-      const s = await api('PUT', this.path, { text: field.value });
+    if (await this.call('PUT', this.path, { text: field.value }, field)) {
       this.textDirty = false;
-      this.update(s);
-    } catch (e) {
-      if (e.body && e.body.column) showTextError(field, e);
-      else this.fail(e);
+      field.value = this.s.text;
     }
   }
 
@@ -348,86 +301,11 @@ class Card {
     if (!upcoming) return;
     list.replaceChildren(...upcoming.map((u) => {
       const li = el('li');
-      li.append(el('time', '', u.local), ' ', el('span', 'badge ' + this.view.colour(u.state, this.s), u.state));
+      const badge = el('span', 'badge ' + this.view.colour(u.state, this.s), u.state);
+      li.append(el('time', '', u.local), ' ', badge);
       return li;
     }));
     if (!upcoming.length) list.append(el('li', 'empty', 'no change ahead'));
-  }
-
-  // The grid is built once: hour labels every 3 hours, a row per day.
-  buildGrid() {
-    const table = this.find('.grid'), head = table.createTHead().insertRow(), body = table.createTBody();
-    head.append(el('th', 'corner'));
-    for (let h = 0; h < 24; h += 3) head.append(Object.assign(el('th', 'hour', two(h)), { colSpan: 6 }));
-    this.cells = DAYS.map((name, d) => {
-      const row = body.insertRow();
-      row.append(el('th', 'day', name));
-      return Array.from({ length: SLOTS }, (_, k) => {
-        const td = row.appendChild(el('td', 'cell'));
-        Object.assign(td.dataset, { day: d, slot: k });
-        return td;
-      });
-    });
-    this.nowLine = el('span', 'now-line');
-  }
-
-  paint() {
-    if (!this.cells) this.buildGrid();
-    const g = this.s.grid, daily = this.s.base === 'Daily';
-    const rects = this.drag ? this.pending.concat(this.drag) : this.pending;
-    this.cells.forEach((row, d) => row.forEach((td, k) => {
-      const r = rects.findLast((r) => (daily || (d >= r.d0 && d <= r.d1)) && k >= r.a && k <= r.b);
-      const state = r ? r.state : g.states[g.cells[d][k]];
-      td.dataset.state = state;
-      td.className = 'cell ' + this.view.colour(state, this.s) + (r ? ' edited' : '');
-      td.title = DAYS[d] + ' ' + hhmm(k * SLOT) + '-' + hhmm((k + 1) * SLOT) + ' ' + state;
-    }));
-    this.find('.save-grid').hidden = this.find('.cancel-grid').hidden = !this.pending.length;
-    this.placeNow();
-  }
-
-  // Marks the present moment: a line in today's row, moved on with the
-  // page's clock between two answers of the server.
-  placeNow() {
-    const g = this.s && this.s.grid;
-    if (!g || !this.cells || g.now == null) { this.nowLine?.remove(); return; }
-    const elapsed = Math.floor((Date.now() - this.fetchedAt) / 1000);
-    const now = (g.now + elapsed) % WEEK, day = Math.floor(now / DAY), inDay = now % DAY;
-    const cell = this.cells[day][Math.floor(inDay / SLOT)];
-    this.nowLine.style.left = (inDay % SLOT) / SLOT * 100 + '%';
-    if (this.nowLine.parentNode !== cell) cell.append(this.nowLine);
-    this.el.querySelectorAll('th.day').forEach((th, d) => th.classList.toggle('today', d === day));
-    this.find('.now-label').textContent = 'now: ' + (elapsed < 60 ? g.nowLabel : DAYS[day] + ' ' + hhmm(inDay));
-  }
-
-  // Press, drag and release paint a rectangle of days and half hours. The
-  // cell under the pointer is looked up by position, since a touch keeps
-  // sending its events to the cell where it began.
-  press(e) {
-    const start = e.target.closest('td.cell');
-    if (!start || e.button > 0) return;
-    e.preventDefault();
-    const d = +start.dataset.day, k = +start.dataset.slot;
-    this.drag = { d0: d, d1: d, a: k, b: k, state: this.find('.paint-state').value };
-    this.paint();
-    const move = (ev) => {
-      const cell = document.elementFromPoint(ev.clientX, ev.clientY)?.closest('td.cell');
-      if (!cell || !this.el.contains(cell)) return;
-      const d2 = +cell.dataset.day, k2 = +cell.dataset.slot;
-      Object.assign(this.drag, { d0: Math.min(d, d2), d1: Math.max(d, d2), a: Math.min(k, k2), b: Math.max(k, k2) });
-      this.paint();
-    };
-    const end = (ev) => {
-      for (const type of ['pointermove', 'pointerup', 'pointercancel']) {
-        window.removeEventListener(type, type === 'pointermove' ? move : end);
-      }
-      if (ev.type === 'pointerup') this.pending.push(this.drag);
-      this.drag = null;
-      this.paint();
-    };
-    window.addEventListener('pointermove', move);
-    window.addEventListener('pointerup', end);
-    window.addEventListener('pointercancel', end);
   }
 }
 
@@ -438,7 +316,8 @@ async function followEvents() {
   for (let wait = 1000; ; wait = Math.min(wait * 2, 5000)) {
     if (!token) { await sleep(500); continue; }
     try {
-      const res = await fetch('/api/events', { headers: { Authorization: 'Bearer ' + token }, cache: 'no-store' });
+      const headers = { Authorization: 'Bearer ' + token };
+      const res = await fetch('/api/events', { headers, cache: 'no-store' });
       if (res.status === 401) askToken('The token was refused; enter it again.');
       if (res.ok && res.body) {
         status.textContent = 'live';
@@ -479,7 +358,7 @@ function dispatch(name, text) {
   let d;
   try { d = JSON.parse(text); } catch (e) { return; }
   const card = name === 'schedule' && typeViews.get(d.type)?.cards.get(d.id);
-  
+  if (card) card.applyChanges(d.changes || {}, d.nextLocal);
   else if (['schedule', 'added', 'removed', 'changed'].includes(name)) later('types', loadTypes);
   else if (name === 'scheduler' && d.present) { setBanner(''); later('types', loadTypes); }
   else if (name === 'scheduler') setBanner('Scheduler not on the bus');
@@ -487,8 +366,13 @@ function dispatch(name, text) {
 
 byId('token-form').addEventListener('submit', tokenEntered);
 // An address with a token, opened in this tab again, brings its token.
-window.addEventListener('hashchange', () => { if (location.hash.includes('token=')) { takeToken(); loadTypes(); } });
+window.addEventListener('hashchange', () => {
+  if (location.hash.includes('token=')) {
+    takeToken();
+    loadTypes();
+  }
+});
 takeToken();
 if (token) loadTypes();
 followEvents();
-setInterval(() => typeViews.forEach((v) => v.cards.forEach((c) => c.placeNow())), 30000);
+setInterval(() => typeViews.forEach((v) => v.cards.forEach((c) => c.grid.placeNow())), 30000);
