@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -90,6 +91,78 @@ TEST(NextStateChange, ShowsNoChangeOnceAOnceScheduleHasRunOut) {
     host.advanceTo(start + 30);
     EXPECT_EQ(currentState(host), "off");
     EXPECT_EQ(nextChange(host), kNoChange);
+}
+
+// Something that makes the plug-in compute every planned change anew.
+struct recompute_row_t {
+    const char* cause;
+    void (*apply)(virtual_host_t& host);
+    // NextStateChange of "evening" and of "week" afterwards.
+    const char* evening;
+    const char* week;
+    // The states told because of it.
+    lines_t told;
+};
+
+// Wednesday 00:30 in Berlin, when "evening" has ended.
+constexpr std::int64_t kAfterMidnight = 1700004600;  // 2023-11-14T23:30:00Z
+
+const std::vector<recompute_row_t> kRecomputes = {
+    {"the zone changes to New York",
+     [](virtual_host_t& host) {
+         // TZ stands in for a replaced /etc/localtime; the plug-in reads the
+         // zone again when 927 comes.
+         setenv("TZ", "America/New_York", 1);
+         host.emitTime({927});
+     },
+     "2023-11-14T23:00:00Z",
+     "2023-11-15T11:00:00Z",
+     {"2023-11-14T21:00:00Z off"}},
+    {"the clock is set",
+     [](virtual_host_t& host) {
+         host.setClock(kAfterMidnight);
+         host.emitTime({926});
+     },
+     "2023-11-15T17:00:00Z",
+     "2023-11-15T05:00:00Z",
+     {"2023-11-14T23:30:00Z off"}},
+    {"the clock is set while Time is not synchronised",
+     [](virtual_host_t& host) {
+         host.setTimeStatus("Unsynchronized");
+         host.setClock(kAfterMidnight);
+         host.setTimeStatus("Synchronized");
+     },
+     "2023-11-15T17:00:00Z",
+     "2023-11-15T05:00:00Z",
+     {"2023-11-14T23:30:00Z off"}},
+};
+
+// A user reads NextStateChange to know when the light switches next; after
+// a recompute it must be the change the plug-in now waits for, not the one
+// it planned before.
+TEST(NextStateChange, FollowsEveryRecompute) {
+    for (const recompute_row_t& row : kRecomputes) {
+        SCOPED_TRACE(row.cause);
+        scoped_time_zone_t zone("Europe/Berlin");
+        // Tuesday 22:00 in Berlin, 16:00 in New York.
+        virtual_host_t host(virtual_host_t::options_t{.start = 1699995600});
+        ASSERT_EQ(registerLight(host), true);
+        // On from 18:00 to 23:00 every day, and on Wednesdays from 06:00 to 07:00.
+        ASSERT_EQ(addToLight(
+                      host, scheduleJson("evening", "Daily", "off", entryJson("on", 64800, 82800))),
+                  true);
+        ASSERT_EQ(addToLight(
+                      host, scheduleJson("week", "Weekly", "off", entryJson("on", 194400, 198000))),
+                  true);
+        ASSERT_EQ(nextChange(host, "evening"), "2023-11-14T22:00:00Z");
+        ASSERT_EQ(nextChange(host, "week"), "2023-11-15T05:00:00Z");
+        const std::size_t before = host.setStateCalls().size();
+
+        row.apply(host);
+        EXPECT_EQ(nextChange(host, "evening"), row.evening);
+        EXPECT_EQ(nextChange(host, "week"), row.week);
+        EXPECT_EQ(changesSince(host, before), row.told);
+    }
 }
 
 struct span_row_t {
