@@ -116,6 +116,17 @@ int onOwner(sd_bus_message* m, void* userdata, sd_bus_error*) noexcept try {
     return 0;
 }
 
+bool schedulerOwned(sd_bus* bus) {
+    orv_bus_error_t error;
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                     "org.freedesktop.DBus", "NameHasOwner", error.get(), &raw, "s",
+                                     scheduler::kSchedulerName);
+    orv_message_ptr reply(raw);
+    int owned = 0;
+    return r >= 0 && sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned != 0;
+}
+
 }  // namespace
 
 web_events_t::web_events_t(std::string address) : address_(std::move(address)) {
@@ -162,16 +173,7 @@ bool web_events_t::connect() {
         matches.emplace_back(slot);
     }
     // Asked after the match is in place, so that no change is missed between.
-    orv_bus_error_t error;
-    sd_bus_message* raw = nullptr;
-    r = sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "NameHasOwner", error.get(), &raw, "s",
-                           scheduler::kSchedulerName);
-    orv_message_ptr reply(raw);
-    int owned = 0;
-    if (r >= 0 && sd_bus_message_read(reply.get(), "b", &owned) >= 0) {
-        setPresent(owned != 0);
-    }
+    setPresent(schedulerOwned(bus.get()));
     matches_ = std::move(matches);
     bus_ = std::move(bus);
     return true;

@@ -168,23 +168,7 @@ void web_server_t::routes() {
             return;
         }
         if (route.kind == web_route_kind_t::events) {
-            auto stream = events_.open();
-            if (!stream) {
-                answerError(res, 503, "too many event streams are open");
-                return;
-            }
-            res.set_chunked_content_provider(
-                "text/event-stream",
-                [this, stream](std::size_t, httplib::DataSink& sink) {
-                    std::optional<std::string> text = events_.next(*stream, kKeepAlive);
-                    if (!text) {
-                        sink.done();
-                        return true;
-                    }
-                    const std::string out = text->empty() ? ": keep-alive\n\n" : *text;
-                    return sink.write(out.data(), out.size());
-                },
-                [this, stream](bool) { events_.close(stream); });
+            stream(res);
             return;
         }
         try {
@@ -202,6 +186,28 @@ void web_server_t::routes() {
     server_->Put(any, handle);
     server_->Post(any, handle);
     server_->Delete(any, handle);
+}
+
+// An event stream holds one of the pool's threads while it is open, which
+// is why their number is bounded below the pool's.
+void web_server_t::stream(httplib::Response& res) {
+    auto stream = events_.open();
+    if (!stream) {
+        answerError(res, 503, "too many event streams are open");
+        return;
+    }
+    res.set_chunked_content_provider(
+        "text/event-stream",
+        [this, stream](std::size_t, httplib::DataSink& sink) {
+            std::optional<std::string> text = events_.next(*stream, kKeepAlive);
+            if (!text) {
+                sink.done();
+                return true;
+            }
+            const std::string out = text->empty() ? ": keep-alive\n\n" : *text;
+            return sink.write(out.data(), out.size());
+        },
+        [this, stream](bool) { events_.close(stream); });
 }
 
 int web_server_t::bind(const std::string& host, int port) {

@@ -10,7 +10,8 @@
 
 namespace httplib {
 class Server;
-}
+struct Response;
+}  // namespace httplib
 
 class web_server_t {
   public:
@@ -33,6 +34,7 @@ class web_server_t {
 
   private:
     void routes();
+    void stream(httplib::Response& res);
 
     web_bus_t& bus_;
     web_events_t& events_;

@@ -186,6 +186,9 @@ class Card {
       ['.override', 'change', (e) => this.post('override', { state: e.target.value })],
       ['.delete', 'click', () => this.remove()],
       ['.save-text', 'click', () => this.saveText()],
+      // Once a person is in the text, it is theirs until saved: a live
+      // update must not put the old text back under their cursor.
+      ['.text-form', 'focus', () => { this.textDirty = true; }],
       ['.text-form', 'input', () => { this.textDirty = true; }],
     ];
     for (const [selector, type, fn] of wiring) this.find(selector).addEventListener(type, fn);
