@@ -147,11 +147,15 @@ class TypeView {
   }
 
   update(t) {
-    this.states = t.states;
+    // The legend is made anew only when the states change, so that a live
+    // reload leaves the page's elements as they are.
+    if (String(t.states) !== String(this.states)) {
+      this.states = t.states;
+      const chips = t.states.map((s) => el('li', 'chip ' + this.colour(s), s));
+      chips.push(el('li', 'chip st-default', "a schedule's default"));
+      $(this.el, '.legend').replaceChildren(...chips);
+    }
     $(this.el, '.type-path').textContent = t.path;
-    const chips = t.states.map((s) => el('li', 'chip ' + this.colour(s), s));
-    chips.push(el('li', 'chip st-default', "a schedule's default"));
-    $(this.el, '.legend').replaceChildren(...chips);
     // By ID, so that a card stays where it was when its schedule changes.
     const schedules = [...t.schedules].sort((a, b) => (a.id < b.id ? -1 : a.id > b.id ? 1 : 0));
     sync($(this.el, '.schedules'), this.cards, schedules, (s) => s.id, (s) => new Card(this, s.id));
