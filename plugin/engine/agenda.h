@@ -9,9 +9,12 @@
 // The list is a 4-ary min-heap in one array of small nodes (a key and a
 // handle), so that a sift compares neighbouring nodes instead of chasing
 // tree nodes all over the heap of the process. The changes themselves stay
-// put in a pool indexed by handle; each pool entry knows its node's place in
-// the heap, and the index by owner holds handles, so removing an owner's
-// change neither searches the heap nor follows it through a sift.
+// put in a pool indexed by handle; a dense array, also indexed by handle,
+// tells where each node is in the heap, and the index by owner holds
+// handles, so removing an owner's change neither searches the heap nor
+// follows it through a sift. That array is kept apart from the pool so that
+// a sift, which moves a node per level, writes four bytes per move into a
+// small array that stays in the cache, not into a large pool entry.
 #pragma once
 
 #include <algorithm>
@@ -51,7 +54,7 @@ class agenda_t {
         const auto earlier = [this](handle_t a, handle_t b) { return keyOf(a) < keyOf(b); };
         if (std::optional<handle_t> first = index_.first(owner, earlier)) {
             index_.erase(owner, *first);
-            eraseAt(pool_[*first].slot);
+            eraseAt(slots_[*first]);
             release(*first);
         }
     }
@@ -62,14 +65,14 @@ class agenda_t {
             return std::nullopt;
         }
         const handle_t handle = heap_.front().handle;
-        item_t head = std::move(pool_[handle].item);
+        item_t head = std::move(pool_[handle]);
         index_.erase(head.owner, handle);
         eraseAt(0);
         release(handle);
         return head;
     }
 
-    const item_t* head() const { return heap_.empty() ? nullptr : &pool_[heap_[0].handle].item; }
+    const item_t* head() const { return heap_.empty() ? nullptr : &pool_[heap_[0].handle]; }
 
     // Milliseconds until the head is due, computed in 64 bits: negative when
     // it is overdue, clamped to the longest 32-bit time-out beyond that; -1
@@ -87,6 +90,7 @@ class agenda_t {
     void clear() {
         heap_.clear();
         pool_.clear();
+        slots_.clear();
         free_.clear();
         index_.clear();
     }
@@ -100,7 +104,7 @@ class agenda_t {
         std::vector<Owner> owners;
         owners.reserve(sorted.size());
         for (const node_t& node : sorted) {
-            owners.push_back(pool_[node.handle].item.owner);
+            owners.push_back(pool_[node.handle].owner);
         }
         return owners;
     }
@@ -112,11 +116,13 @@ class agenda_t {
         clear();
         heap_.reserve(items.size());
         pool_.reserve(items.size());
+        slots_.reserve(items.size());
         for (item_t& item : items) {
             const handle_t handle = static_cast<handle_t>(pool_.size());
             index_.insert(item.owner, handle);
             heap_.push_back(node_t{keyFor(item.change.time), handle});
-            pool_.push_back(entry_t{std::move(item), handle});
+            pool_.push_back(std::move(item));
+            slots_.push_back(handle);
         }
         for (std::size_t at = heap_.size() / kArity + 1; at-- > 0;) {
             if (at < heap_.size()) {
@@ -137,38 +143,34 @@ class agenda_t {
         key_t key;
         handle_t handle;
     };
-    struct entry_t {
-        item_t item;
-        // Where the entry's node is in the heap.
-        std::size_t slot;
-    };
     static constexpr std::size_t kArity = 4;
     static constexpr std::int64_t kLongestMs = std::numeric_limits<std::uint32_t>::max();
 
     key_t keyFor(time_t time) {
         return {time, std::numeric_limits<std::uint64_t>::max() - added_++};
     }
-    const key_t& keyOf(handle_t handle) const { return heap_[pool_[handle].slot].key; }
+    const key_t& keyOf(handle_t handle) const { return heap_[slots_[handle]].key; }
 
     handle_t store(item_t item) {
         if (free_.empty()) {
-            pool_.push_back(entry_t{std::move(item), 0});
+            pool_.push_back(std::move(item));
+            slots_.push_back(0);
             return static_cast<handle_t>(pool_.size() - 1);
         }
         const handle_t handle = free_.back();
         free_.pop_back();
-        pool_[handle].item = std::move(item);
+        pool_[handle] = std::move(item);
         return handle;
     }
     void release(handle_t handle) {
-        pool_[handle].item = item_t{};
+        pool_[handle] = item_t{};
         free_.push_back(handle);
     }
 
-    // Puts node at slot and tells its pool entry.
+    // Puts node at slot and remembers where it went.
     void place(std::size_t slot, const node_t& node) {
         heap_[slot] = node;
-        pool_[node.handle].slot = slot;
+        slots_[node.handle] = static_cast<handle_t>(slot);
     }
 
     void siftUp(std::size_t slot) {
@@ -224,7 +226,9 @@ class agenda_t {
     }
 
     std::vector<node_t> heap_;
-    std::vector<entry_t> pool_;
+    std::vector<item_t> pool_;
+    // Per handle, where its node is in heap_.
+    std::vector<handle_t> slots_;
     std::vector<handle_t> free_;
     agenda_index_t<Owner, handle_t> index_;
     std::uint64_t added_ = 0;
