@@ -5,6 +5,16 @@
 // compare for equality, so the same code serves the live service and the
 // copies that simulations run on. Among changes due at the same time the one
 // planned last comes first.
+//
+// The list is a 4-ary min-heap in one array of small nodes (a key and a
+// handle), so that a sift compares neighbouring nodes instead of chasing
+// tree nodes all over the heap of the process. The changes themselves stay
+// put in a pool indexed by handle; a dense array, also indexed by handle,
+// tells where each node is in the heap, and the index by owner holds
+// handles, so removing an owner's change neither searches the heap nor
+// follows it through a sift. That array is kept apart from the pool so that
+// a sift, which moves a node per level, writes four bytes per move into a
+// small array that stays in the cache, not into a large pool entry.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +22,6 @@
 #include <cstdint>
 #include <ctime>
 #include <limits>
-#include <map>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -33,86 +42,92 @@ class agenda_t {
     agenda_t& operator=(const agenda_t&) = delete;
 
     void add(Owner owner, change_t change) {
-        auto filed = items_.emplace(keyFor(change.time), item_t{owner, std::move(change)}).first;
-        index_.insert(owner, filed);
+        const key_t key = keyFor(change.time);
+        const handle_t handle = store(item_t{owner, std::move(change)});
+        index_.insert(owner, handle);
+        heap_.push_back(node_t{key, handle});
+        siftUp(heap_.size() - 1);
     }
 
     // Drops the owner's first change, if it has one.
     void remove(Owner owner) {
-        if (std::optional<iterator_t> first = index_.first(owner, earlier)) {
+        const auto earlier = [this](handle_t a, handle_t b) { return keyOf(a) < keyOf(b); };
+        if (std::optional<handle_t> first = index_.first(owner, earlier)) {
             index_.erase(owner, *first);
-            items_.erase(*first);
+            eraseAt(slots_[*first]);
+            release(*first);
         }
     }
 
     // The head, taken out, when it is due (its time is not after now).
     std::optional<item_t> takeDue(time_t now) {
-        if (items_.empty() || items_.begin()->second.change.time > now) {
+        if (heap_.empty() || heap_.front().key.time > now) {
             return std::nullopt;
         }
-        item_t head = std::move(items_.begin()->second);
-        index_.erase(head.owner, items_.begin());
-        items_.erase(items_.begin());
+        const handle_t handle = heap_.front().handle;
+        item_t head = std::move(pool_[handle]);
+        index_.erase(head.owner, handle);
+        eraseAt(0);
+        release(handle);
         return head;
     }
 
-    const item_t* head() const { return items_.empty() ? nullptr : &items_.begin()->second; }
+    const item_t* head() const { return heap_.empty() ? nullptr : &pool_[heap_[0].handle]; }
 
     // Milliseconds until the head is due, computed in 64 bits: negative when
     // it is overdue, clamped to the longest 32-bit time-out beyond that; -1
     // for an empty agenda.
     std::int64_t timeoutMs(time_t now) const {
-        if (items_.empty()) {
+        if (heap_.empty()) {
             return -1;
         }
         const std::int64_t seconds = static_cast<std::int64_t>(head()->change.time) - now;
         return seconds > kLongestMs / 1000 ? kLongestMs : seconds * 1000;
     }
 
-    std::size_t size() const { return items_.size(); }
+    std::size_t size() const { return heap_.size(); }
 
     void clear() {
-        items_.clear();
+        heap_.clear();
+        pool_.clear();
+        slots_.clear();
+        free_.clear();
         index_.clear();
     }
 
-    // The owners in agenda order.
+    // The owners in agenda order. A heap keeps no order beyond its head, so
+    // a copy of the nodes is sorted; only simulations ask for this.
     std::vector<Owner> owners() const {
+        std::vector<node_t> sorted = heap_;
+        std::sort(sorted.begin(), sorted.end(),
+                  [](const node_t& a, const node_t& b) { return a.key < b.key; });
         std::vector<Owner> owners;
-        owners.reserve(items_.size());
-        for (const auto& [key, item] : items_) {
-            owners.push_back(item.owner);
+        owners.reserve(sorted.size());
+        for (const node_t& node : sorted) {
+            owners.push_back(pool_[node.handle].owner);
         }
         return owners;
     }
 
-    // Replaces every change at once, planned in the order of items: sorted
-    // first, so that the tree is appended to instead of searched, and into
-    // the old nodes, so that a rebuild neither frees nor allocates a node per
-    // schedule.
+    // Replaces every change at once, planned in the order of items. The heap
+    // is built bottom-up in linear time instead of by one sift per change,
+    // and the arrays keep their capacity from one recompute to the next.
     void replace(std::vector<item_t> items) {
-        std::vector<std::pair<key_t, item_t>> keyed;
-        keyed.reserve(items.size());
+        clear();
+        heap_.reserve(items.size());
+        pool_.reserve(items.size());
+        slots_.reserve(items.size());
         for (item_t& item : items) {
-            keyed.emplace_back(keyFor(item.change.time), std::move(item));
+            const handle_t handle = static_cast<handle_t>(pool_.size());
+            index_.insert(item.owner, handle);
+            heap_.push_back(node_t{keyFor(item.change.time), handle});
+            pool_.push_back(std::move(item));
+            slots_.push_back(handle);
         }
-        std::sort(keyed.begin(), keyed.end(),
-                  [](const auto& a, const auto& b) { return a.first < b.first; });
-        map_t spare;
-        spare.swap(items_);
-        index_.clear();
-        for (auto& [key, item] : keyed) {
-            const Owner owner = item.owner;
-            iterator_t filed;
-            if (spare.empty()) {
-                filed = items_.emplace_hint(items_.end(), key, std::move(item));
-            } else {
-                typename map_t::node_type node = spare.extract(spare.begin());
-                node.key() = key;
-                node.mapped() = std::move(item);
-                filed = items_.insert(items_.end(), std::move(node));
+        for (std::size_t at = heap_.size() / kArity + 1; at-- > 0;) {
+            if (at < heap_.size()) {
+                siftDown(at);
             }
-            index_.insert(owner, filed);
         }
     }
 
@@ -123,17 +138,98 @@ class agenda_t {
         std::uint64_t order;
         auto operator<=>(const key_t&) const = default;
     };
-    using map_t = std::map<key_t, item_t>;
-    using iterator_t = typename map_t::iterator;
+    using handle_t = std::uint32_t;
+    struct node_t {
+        key_t key;
+        handle_t handle;
+    };
+    static constexpr std::size_t kArity = 4;
     static constexpr std::int64_t kLongestMs = std::numeric_limits<std::uint32_t>::max();
-
-    static bool earlier(const iterator_t& a, const iterator_t& b) { return a->first < b->first; }
 
     key_t keyFor(time_t time) {
         return {time, std::numeric_limits<std::uint64_t>::max() - added_++};
     }
+    const key_t& keyOf(handle_t handle) const { return heap_[slots_[handle]].key; }
 
-    map_t items_;
-    agenda_index_t<Owner, iterator_t> index_;
+    handle_t store(item_t item) {
+        if (free_.empty()) {
+            pool_.push_back(std::move(item));
+            slots_.push_back(0);
+            return static_cast<handle_t>(pool_.size() - 1);
+        }
+        const handle_t handle = free_.back();
+        free_.pop_back();
+        pool_[handle] = std::move(item);
+        return handle;
+    }
+    void release(handle_t handle) {
+        pool_[handle] = item_t{};
+        free_.push_back(handle);
+    }
+
+    // Puts node at slot and remembers where it went.
+    void place(std::size_t slot, const node_t& node) {
+        heap_[slot] = node;
+        slots_[node.handle] = static_cast<handle_t>(slot);
+    }
+
+    void siftUp(std::size_t slot) {
+        const node_t node = heap_[slot];
+        while (slot > 0) {
+            const std::size_t parent = (slot - 1) / kArity;
+            if (!(node.key < heap_[parent].key)) {
+                break;
+            }
+            place(slot, heap_[parent]);
+            slot = parent;
+        }
+        place(slot, node);
+    }
+
+    void siftDown(std::size_t slot) {
+        const node_t node = heap_[slot];
+        const std::size_t size = heap_.size();
+        for (;;) {
+            const std::size_t first = slot * kArity + 1;
+            if (first >= size) {
+                break;
+            }
+            std::size_t least = first;
+            for (std::size_t child = first + 1; child < std::min(first + kArity, size); ++child) {
+                if (heap_[child].key < heap_[least].key) {
+                    least = child;
+                }
+            }
+            if (!(heap_[least].key < node.key)) {
+                break;
+            }
+            place(slot, heap_[least]);
+            slot = least;
+        }
+        place(slot, node);
+    }
+
+    // Takes the node at slot out of the heap: the last node fills the gap and
+    // moves up or down to where it belongs.
+    void eraseAt(std::size_t slot) {
+        const node_t last = heap_.back();
+        heap_.pop_back();
+        if (slot == heap_.size()) {
+            return;
+        }
+        heap_[slot] = last;
+        if (slot > 0 && last.key < heap_[(slot - 1) / kArity].key) {
+            siftUp(slot);
+        } else {
+            siftDown(slot);
+        }
+    }
+
+    std::vector<node_t> heap_;
+    std::vector<item_t> pool_;
+    // Per handle, where its node is in heap_.
+    std::vector<handle_t> slots_;
+    std::vector<handle_t> free_;
+    agenda_index_t<Owner, handle_t> index_;
     std::uint64_t added_ = 0;
 };

@@ -12,8 +12,8 @@
 #include "orv/flat_table.h"
 
 // Owner is a pointer that names a schedule. Position is the agenda's handle
-// of an entry (an iterator); positions are compared for equality only, and
-// ordered by the caller's less.
+// of an entry, which stays the same while the entry moves in the agenda;
+// positions are compared for equality only, and ordered by the caller's less.
 template <typename Owner, typename Position>
 class agenda_index_t {
   public:

@@ -148,6 +148,93 @@ TEST(EngineAgenda, ReplacePlansInTheOrderGiven) {
     EXPECT_EQ(drain(list), "TPQ");
 }
 
+// A long random sequence of additions, removals, takes and replacements,
+// checked against an ordered map that plays the same sequence. Enough changes
+// for a tree several levels deep; few owners and few distinct times make
+// owners with several changes and long runs of equal times.
+TEST(EngineAgenda, AgreesWithAnOrderedMapOverManyChanges) {
+    struct row_t {
+        std::size_t owners;
+        time_t times;
+    };
+    for (const row_t row : {row_t{3, 4}, row_t{50, 20}, row_t{2000, 100000}}) {
+        std::vector<char> storage(row.owners);
+        std::mt19937_64 random(row.owners);
+        // Key: time, then planning order descending, as the agenda orders.
+        std::map<std::pair<time_t, std::int64_t>, agenda::item_t> model;
+        std::int64_t planned = 0;
+        agenda list;
+        auto plan = [&](owner_t who, time_t time) {
+            change_t change{time, std::to_string(planned)};
+            model.emplace(std::pair(time, -planned++), agenda::item_t{who, change});
+            return change;
+        };
+        auto removeFromModel = [&](owner_t who) {
+            auto it = std::find_if(model.begin(), model.end(),
+                                   [&](const auto& entry) { return entry.second.owner == who; });
+            if (it != model.end()) {
+                model.erase(it);
+            }
+        };
+        for (int step = 0; step < 20000; ++step) {
+            const owner_t who = &storage[random() % row.owners];
+            const time_t time = static_cast<time_t>(random() % row.times);
+            switch (random() % 8) {
+                case 0:
+                case 1:
+                    list.remove(who);
+                    removeFromModel(who);
+                    break;
+                case 2: {
+                    std::optional<agenda::item_t> taken = list.takeDue(time);
+                    const bool due = !model.empty() && model.begin()->first.first <= time;
+                    ASSERT_EQ(taken.has_value(), due) << step;
+                    if (due) {
+                        EXPECT_EQ(taken->owner, model.begin()->second.owner) << step;
+                        EXPECT_EQ(taken->change.state, model.begin()->second.change.state) << step;
+                        model.erase(model.begin());
+                    }
+                    break;
+                }
+                case 3:
+                    if (step % 1000 == 3) {
+                        // Replans everything present in a shuffled order.
+                        std::vector<agenda::item_t> items;
+                        for (const auto& entry : model) {
+                            items.push_back(entry.second);
+                        }
+                        std::shuffle(items.begin(), items.end(), random);
+                        model.clear();
+                        for (agenda::item_t& item : items) {
+                            item.change = plan(item.owner, item.change.time);
+                        }
+                        list.replace(std::move(items));
+                        break;
+                    }
+                    [[fallthrough]];
+                default:
+                    list.add(who, plan(who, time));
+            }
+            ASSERT_EQ(list.size(), model.size()) << step;
+            ASSERT_EQ(list.head() == nullptr, model.empty()) << step;
+            if (!model.empty()) {
+                ASSERT_EQ(list.head()->change.state, model.begin()->second.change.state) << step;
+            }
+        }
+        std::vector<owner_t> expected;
+        for (const auto& entry : model) {
+            expected.push_back(entry.second.owner);
+        }
+        EXPECT_EQ(list.owners(), expected);
+        for (const auto& entry : model) {
+            std::optional<agenda::item_t> taken = list.takeDue(entry.first.first);
+            ASSERT_TRUE(taken);
+            EXPECT_EQ(taken->change.state, entry.second.change.state);
+        }
+        EXPECT_EQ(list.size(), 0U);
+    }
+}
+
 using position_t = std::uint64_t;
 using model_t = std::multimap<owner_t, position_t>;
 
