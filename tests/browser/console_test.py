@@ -66,7 +66,7 @@ def read(path):
         return ""
 
 
-def wait_for(predicate, what, timeout=10):
+def wait_for(predicate, what, timeout=20):
     """The predicate's first true value; an element not there yet counts as false."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
