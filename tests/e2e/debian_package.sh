@@ -31,7 +31,9 @@ echo "the debug package names the main one"
 echo "each binary is stripped and its debug information is in the debug package"
 elves=0
 while IFS= read -r -d '' f; do
-    head -c 4 "$f" | grep -q $'^\x7fELF' || continue
+    magic=
+    IFS= read -r -N 4 magic <"$f" || true
+    [[ $magic == $'\x7fELF' ]] || continue
     elves=$((elves + 1))
     name=${f#"$work/main"}
     "$readelf" -S -W "$f" >"$work/sections.txt" || fail "readelf cannot read $name"
@@ -42,10 +44,13 @@ while IFS= read -r -d '' f; do
     [[ -f $debug ]] || fail "no debug file for $name (build ID $id)"
     # A debug file keeps the section headers but not the contents of the
     # loaded sections, so readelf's complaint about the interpreter is noise.
-    "$readelf" -S -W "$debug" 2>/dev/null | grep -q ' \.debug_info ' ||
+    # The output goes to a file first: grep -q may quit before readelf has
+    # written all of it, and pipefail would count readelf's broken pipe.
+    "$readelf" -S -W "$debug" >"$work/debug-sections.txt" 2>/dev/null
+    grep -q ' \.debug_info ' "$work/debug-sections.txt" ||
         fail "the debug file of $name holds no .debug_info"
-    "$readelf" --string-dump=.gnu_debuglink "$f" 2>/dev/null | grep -q "${id:2}\.debug" ||
-        fail "$name does not link to its debug file"
+    "$readelf" --string-dump=.gnu_debuglink "$f" >"$work/debuglink.txt" 2>/dev/null
+    grep -q "${id:2}\.debug" "$work/debuglink.txt" || fail "$name does not link to its debug file"
 done < <(find "$work/main" -type f -print0)
 for shipped in usr/bin/orvd usr/bin/orv-time usr/bin/orv-cli usr/bin/orv-owner; do
     [[ -f $work/main/$shipped ]] || fail "the package lacks $shipped"
