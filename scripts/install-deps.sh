@@ -39,9 +39,21 @@ if $arm64; then
 fi
 
 missing=()
+# Once arm64 is a foreign architecture, a name without one matches both
+# copies of a package; the native copy is the one asked for, and a package
+# for every architecture is found by its plain name.
+native=$(dpkg --print-architecture)
+installed() {
+    local status
+    if [[ $1 != *:* ]] && status=$(dpkg-query -W -f='${Status}' "$1:$native" 2>/dev/null); then
+        [[ $status == "install ok installed" ]]
+        return
+    fi
+    status=$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null) || return 1
+    [[ $status == "install ok installed" ]]
+}
 for p in "${packages[@]}"; do
-    status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
-    [[ "$status" == "install ok installed" ]] || missing+=("$p")
+    installed "$p" || missing+=("$p")
 done
 
 if (( ${#missing[@]} == 0 )); then

@@ -114,7 +114,8 @@ else
     echo "The web console did not start (port $port taken? set ORV_WEB_PORT): $(cat "$run/web.log")"
 fi
 
-if cli call Scheduler getSchedule '{"type": "Light", "ID": "blink"}' | grep -q '"return":true'; then
+if cli call Scheduler getSchedule '{"type": "Light", "ID": "blink"}' 2>/dev/null |
+    grep -q '"return":true'; then
     echo "The schedule \"blink\" came back from the store:"
     cli get Scheduler.Types.Light.Schedules.blink
 else
