@@ -40,10 +40,7 @@ ifaces() { echo "\"member\":\"$1\",\"payload\":\\{\"type\":\"[^\"]*\",\"data\":\
 
 start_all() {
     start_bus
-    "$time_bin" --bus "$addr" --status Synchronized 2>"$work/time.log" &
-    pids+=("$!")
-    "$cli" --bus "$addr" serve Device.Light >"$work/serve.out" 2>"$work/serve.log" &
-    pids+=("$!")
+    start_time_and_client
     # ORVD_WRAPPER (words, unquoted on purpose) runs orvd under a checker.
     ${ORVD_WRAPPER:-} "$orvd" --bus "$addr" --plugin "$plugin" --definition "$definition" \
         2>"$work/orvd.log" &

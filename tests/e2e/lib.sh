@@ -50,3 +50,13 @@ start_bus() {
         fail "the private bus did not start"
     addr=$(head -n 1 "$work/addr")
 }
+
+# Starts orv-time with the clock forced "Synchronized" and a client serving
+# Device.Light, whose setState calls land as JSON lines in $work/serve.out.
+# Needs $time_bin and $cli.
+start_time_and_client() {
+    "$time_bin" --bus "$addr" --status Synchronized 2>"$work/time.log" &
+    pids+=("$!")
+    "$cli" --bus "$addr" serve Device.Light >"$work/serve.out" 2>"$work/serve.log" &
+    pids+=("$!")
+}

@@ -45,10 +45,7 @@ bus_schedule() {
 }
 
 start_bus
-"$time_bin" --bus "$addr" --status Synchronized 2>"$work/time.log" &
-pids+=("$!")
-"$cli" --bus "$addr" serve Device.Light >"$work/client.out" 2>"$work/client.err" &
-pids+=("$!")
+start_time_and_client
 start_orvd
 
 echo "first start: a random token is written with mode 0600"

@@ -140,10 +140,7 @@ pick_now() {
 
 start_all() {
     start_bus
-    "$time_bin" --bus "$addr" --status Synchronized 2>"$work/time.log" &
-    pids+=("$!")
-    "$cli" --bus "$addr" serve Device.Light >"$work/serve.out" 2>"$work/serve.log" &
-    pids+=("$!")
+    start_time_and_client
     # The plug-in's traces at 400 say when each recompute arms its timer.
     scheduler_plugin=400 "$orvd" --bus "$addr" --plugin "$plugin" --definition "$definition" \
         2>"$work/orvd.log" &
