@@ -15,7 +15,7 @@ struct options_t {
     std::string bus;
     std::string mode;
     std::size_t count = 1000;
-    std::int64_t window = 30;
+    std::int64_t window = 60;
     std::int64_t lead = 5;
     std::size_t population = 10000;
     std::size_t rounds = 2000;

@@ -8,7 +8,9 @@
 //
 //  lateness  --count schedules of base Once switch "on" at whole seconds
 //            spread over --window seconds; each arrival is compared with its
-//            due second.
+//            due second. Meanwhile a second connection sends the client a
+//            call at half past each second, woken by a timer as orvd is:
+//            those arrivals give the bus's own delay to compare with.
 //  burst     --count schedules switch "on" in the same second; the figure is
 //            the time from that second to the last arrival.
 //  overhead  with --population Daily schedules present, --rounds addSchedule

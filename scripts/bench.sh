@@ -151,7 +151,7 @@ if [[ $only != inprocess ]]; then
     pids+=("$!")
     await org.orv.Time
 
-    load lateness --mode lateness --count 1000 --window 30
+    load lateness --mode lateness --count 1000 --window 60
     load burst --mode burst --count 1000
     load overhead --mode overhead --population 10000 --rounds 2000
 fi

@@ -74,15 +74,26 @@ class agenda_t {
 
     const item_t* head() const { return heap_.empty() ? nullptr : &pool_[heap_[0].handle]; }
 
-    // Milliseconds until the head is due, computed in 64 bits: negative when
-    // it is overdue, clamped to the longest 32-bit time-out beyond that; -1
-    // for an empty agenda.
-    std::int64_t timeoutMs(time_t now) const {
+    // Microseconds from nowUs (microseconds since the epoch) until the head's
+    // second begins: 0 once it has begun, nullopt for an empty agenda. It
+    // saturates instead of wrapping, so a head however far ahead is never
+    // taken for a due one.
+    std::optional<std::int64_t> delayUs(std::int64_t nowUs) const {
         if (heap_.empty()) {
-            return -1;
+            return std::nullopt;
         }
-        const std::int64_t seconds = static_cast<std::int64_t>(head()->change.time) - now;
-        return seconds > kLongestMs / 1000 ? kLongestMs : seconds * 1000;
+        const std::int64_t due = head()->change.time;
+        if (due >= kLongestUs / kMicro) {
+            return kLongestUs;
+        }
+        if (due <= std::numeric_limits<std::int64_t>::min() / kMicro) {
+            return 0;
+        }
+        const std::int64_t dueUs = due * kMicro;
+        if (dueUs <= nowUs) {
+            return 0;
+        }
+        return nowUs < 0 && dueUs > kLongestUs + nowUs ? kLongestUs : dueUs - nowUs;
     }
 
     std::size_t size() const { return heap_.size(); }
@@ -144,7 +155,8 @@ class agenda_t {
         handle_t handle;
     };
     static constexpr std::size_t kArity = 4;
-    static constexpr std::int64_t kLongestMs = std::numeric_limits<std::uint32_t>::max();
+    static constexpr std::int64_t kMicro = 1'000'000;
+    static constexpr std::int64_t kLongestUs = std::numeric_limits<std::int64_t>::max();
 
     key_t keyFor(time_t time) {
         return {time, std::numeric_limits<std::uint64_t>::max() - added_++};

@@ -4,7 +4,6 @@
 
 #include "client_calls.h"
 #include "next_change.h"
-#include "orv/loop.h"
 #include "scheduler_plugin_common.h"
 #include "schedules.h"
 #include "types.h"
@@ -40,21 +39,9 @@ class live_applier_t final : public applier_t {
     const service_t& service_;
 };
 
-// The agenda counts whole seconds from the start of the second `now`, but
-// the timer counts from the moment it is armed: the part of that second
-// already gone is taken off, rounded up, so that the timer fires at the due
-// second itself and never before it. The longest time-out stays as it is.
-std::uint32_t alignToSecond(std::uint32_t timeout, time_t now) {
-    if (timeout == std::numeric_limits<std::uint32_t>::max()) {
-        return timeout;
-    }
-    const std::int64_t spentUs = orv_time_now_us() - static_cast<std::int64_t>(now) * 1000000;
-    if (spentUs <= 0) {
-        return timeout;
-    }
-    const std::int64_t remainingUs = static_cast<std::int64_t>(timeout) * 1000 - spentUs;
-    return remainingUs <= 0 ? 0 : static_cast<std::uint32_t>((remainingUs + 999) / 1000);
-}
+// With nothing planned the timer waits the longest time the millisecond
+// timer could, about 49.7 days: no wake-up while nothing is due.
+constexpr std::uint64_t kIdleUs = std::uint64_t{std::numeric_limits<std::uint32_t>::max()} * 1000;
 
 // The state a schedule holds, as told when it is recomputed and when its
 // client comes back: a fixed state, or else scheduled, what its entries say.
@@ -109,16 +96,18 @@ void recompute(service_t& service, time_t now) {
     service.agenda.replace(std::move(planned));
 }
 
-void arm(service_t& service, time_t now) {
-    const std::int64_t ms = service.agenda.timeoutMs(now);
-    // Every due change has been taken, so the head lies ahead; an empty
-    // agenda waits the longest time.
-    std::uint32_t timeout =
-        ms < 0 ? std::numeric_limits<std::uint32_t>::max() : static_cast<std::uint32_t>(ms);
-    timeout = alignToSecond(timeout, now);
-    tolvTraceZ(TRACE_LEVEL_INFO, ME, "Starting peeklist timer with timeout %u", timeout);
+// Arms the timer for the start of the head's second, counted in microseconds
+// from the same reading of the clock that decided what was due: a timer that
+// counted whole milliseconds would have to round up and fire late. Should the
+// timer still fire before that second (the wall clock moved back a little),
+// the head is not due yet and the timer is armed again for what is left.
+void arm(service_t& service, std::int64_t nowUs) {
+    const std::optional<std::int64_t> delay = service.agenda.delayUs(nowUs);
+    const std::uint64_t timeout = delay ? static_cast<std::uint64_t>(*delay) : kIdleUs;
+    tolvTraceZ(TRACE_LEVEL_INFO, ME, "Starting peeklist timer with timeout %llu us",
+               static_cast<unsigned long long>(timeout));
     orv_timer_stop(service.eventTimer.get());
-    if (!orv_timer_start(service.eventTimer.get(), timeout)) {
+    if (!orv_timer_start_us(service.eventTimer.get(), timeout)) {
         tolvTrace(TRACE_LEVEL_WARNING, "could not start event timer");
     }
 }
@@ -172,17 +161,20 @@ void dispatch_unplan(service_t& service, object_t* instance, schedule_record_t& 
 }
 
 void dispatch_run(service_t& service, bool recomputeFirst) {
-    const time_t now = service_now();
+    // The clock is read once: the second it falls in decides what is due,
+    // and the same reading times the next wake-up.
+    const std::int64_t nowUs = service_nowUs();
     if (!service.synchronized) {
         return;
     }
+    const time_t now = service_secondOf(nowUs);
     if (recomputeFirst) {
         tolvTraceZ(TRACE_LEVEL_INFO, ME, "recalculate peeklist");
         recompute(service, now);
     }
     live_applier_t applier(service);
     dispatch_due(service.agenda, now, applier);
-    arm(service, now);
+    arm(service, nowUs);
 }
 
 void dispatch_reassert(service_t& service, const std::vector<object_t*>& instances, time_t now) {

@@ -2,6 +2,7 @@
 // plug-in and destroyed when it cleans up.
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <exception>
 #include <string>
@@ -46,7 +47,12 @@ struct service_t {
 };
 
 // The host's clock: the system clock in the daemon, a virtual one in tests.
+// service_nowUs() reads it in microseconds since the epoch; service_now() is
+// the second it falls in.
+std::int64_t service_nowUs();
 time_t service_now();
+// The second a time in microseconds falls in, also before the epoch.
+time_t service_secondOf(std::int64_t us);
 
 // Nothing may leave a callback of the host: a failure is traced and the
 // callback reports the given result.

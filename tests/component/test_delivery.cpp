@@ -95,7 +95,7 @@ TEST(Delivery, SchedulesWithoutFurtherChangesLeaveTheAgenda) {
     host->clearTraces();
     host->advanceTo(kStart + 2000);
     EXPECT_TRUE(host->traced("No next event found"));
-    EXPECT_TRUE(host->traced("Starting peeklist timer with timeout 4294967295"));
+    EXPECT_TRUE(host->traced("Starting peeklist timer with timeout 4294967295000 us"));
     host->advance(400 * 86400);
     // A schedule that has run out shows no change that will never come, and
     // a schedule without changes is told its state once.
@@ -115,12 +115,12 @@ TEST(Delivery, YearlyChangeBeyondTheTimerRangeArrivesInItsSecond) {
         host->advanceTo(t);
         ASSERT_EQ(host->setStateCalls().size(), 1u) << orv_isoTime(t);
     }
-    // The plug-in counts whole seconds: the change may come anywhere within
-    // its second, but neither before nor after it.
-    host->advanceTo(kFebFirst - 1);
-    host->advanceMs(999);
+    // The change comes at the very start of its second, not a microsecond
+    // before it.
+    host->loop().advanceTo(kFebFirst * 1'000'000 - 1);
     EXPECT_EQ(host->setStateCalls().size(), 1u);
-    host->advanceMs(1000);
+    host->loop().advance(1);
+    EXPECT_EQ(host->setStateCalls().back().time_us, kFebFirst * 1'000'000);
     EXPECT_EQ(changes(*host).back(), "01T00:00:00 s1 on");
 }
 

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* kArmed = "Starting peeklist timer with timeout 4294967295";
+constexpr const char* kArmed = "Starting peeklist timer with timeout 4294967295000 us";
 
 virtual_host_t::options_t withTime(std::optional<std::string> status) {
     virtual_host_t::options_t options;

@@ -243,20 +243,20 @@ announced() {
 # for the earliest change that the schedules publish in ZONE, and not for one
 # that only the plug-in knows: SWITCHED (when the zone was replaced) ZONE.
 check_armed() {
-    local id next earliest=0 timeout_ms armed_at
+    local id next earliest=0 timeout_us armed_at
     for id in "${!spans[@]}"; do
         # shellcheck disable=SC2086
         read -r _ next <<<"$(expected "$2" ${spans[$id]})"
         ((earliest == 0 || next < earliest)) && earliest=$next
     done
-    timeout_ms=$(awk '/recalculate peeklist/ { armed = "" }
-        match($0, /Starting peeklist timer with timeout [0-9]+/) {
-            armed = substr($0, RSTART + 37, RLENGTH - 37) } END { print armed }' \
+    timeout_us=$(awk '/recalculate peeklist/ { armed = "" }
+        match($0, /Starting peeklist timer with timeout [0-9]+ us/) {
+            armed = substr($0, RSTART + 37, RLENGTH - 40) } END { print armed }' \
         "$work/orvd.log")
-    [[ $timeout_ms =~ ^[0-9]+$ ]] || fail "orvd traced no timer armed after the recompute"
-    armed_at=$((earliest - (timeout_ms + 999) / 1000))
+    [[ $timeout_us =~ ^[0-9]+$ ]] || fail "orvd traced no timer armed after the recompute"
+    armed_at=$((earliest - (timeout_us + 999999) / 1000000))
     ((armed_at >= $1 - 1 && armed_at <= $(date +%s) + 1)) ||
-        fail "in $2 orvd waits $timeout_ms ms, not until $(iso "$earliest") as published"
+        fail "in $2 orvd waits $timeout_us us, not until $(iso "$earliest") as published"
 }
 
 check_berlin() {

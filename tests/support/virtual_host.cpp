@@ -167,7 +167,7 @@ std::vector<virtual_host_t::set_state_t> virtual_host_t::setStateCalls() const {
         if (call.function != "setState") {
             continue;
         }
-        calls.push_back({call.time_us / kMicro, call.path,
+        calls.push_back({call.time_us / kMicro, call.time_us, call.path,
                          variant_char(variant_map_find(&call.arguments, "ID")).value_or(""),
                          variant_char(variant_map_find(&call.arguments, "state")).value_or("")});
     }

@@ -44,7 +44,8 @@ class virtual_host_t {
     };
 
     struct set_state_t {
-        std::int64_t time;  // seconds
+        std::int64_t time;     // seconds
+        std::int64_t time_us;  // the same moment in microseconds
         std::string path;
         std::string id;
         std::string state;

@@ -93,23 +93,37 @@ TEST(EngineAgenda, TakesOnlyDueChanges) {
     EXPECT_EQ(list.size(), 0U);
 }
 
-TEST(EngineAgenda, TimeOutIsClampedWithoutWrapping) {
-    const time_t now = 1700000000;
-    EXPECT_EQ(agenda().timeoutMs(now), -1);  // empty agenda
-    const std::vector<std::pair<time_t, std::int64_t>> rows = {
-        // head time - now in seconds, time-out in milliseconds
-        {5, 5000},
-        {-2, -2000},                   // overdue
-        {2147484, 2147484000},         // beyond a signed 32-bit millisecond count
-        {4294967, 4294967000},         // the largest exact value
-        {4294968, 4294967295},         // one second further: clamped
-        {50 * 86400, 4294967295},      // 50 days ahead: clamped, no wrap
-        {-50 * 86400, -4320000000LL},  // long overdue: no wrap either
+TEST(EngineAgenda, DelayRunsToTheStartOfTheHeadsSecondAndSaturates) {
+    constexpr std::int64_t kMicro = 1'000'000;
+    constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+    constexpr time_t kSecond = 1700000000;
+    const std::int64_t at = kSecond * kMicro;
+    EXPECT_EQ(agenda().delayUs(at), std::nullopt);  // empty agenda
+    struct row_t {
+        const char* what;
+        time_t head;
+        std::int64_t nowUs;
+        std::int64_t delayUs;
     };
-    for (const auto& [ahead, expected] : rows) {
+    const std::vector<row_t> rows = {
+        {"now on a second", kSecond + 5, at, 5 * kMicro},
+        {"now within its second", kSecond + 1, at + 123456, 876544},
+        {"now in the last microsecond", kSecond + 1, at + 999999, 1},
+        {"200 us before the head", kSecond, at - 200, 200},
+        {"the head's second has begun", kSecond, at, 0},
+        {"within the head's second", kSecond, at + 999999, 0},
+        {"overdue", kSecond - 50 * 86400, at + 1, 0},
+        {"78 days ahead, beyond 32-bit milliseconds", kSecond + 78 * 86400, at + 1,
+         78 * 86400 * kMicro - 1},
+        {"before the epoch", -1, -1'500'000, 500000},
+        {"a head too far to count in microseconds", kMax / 1000, at, kMax},
+        {"from far before the epoch", kMax / kMicro - 1, -kMax, kMax},
+        {"a head far before the epoch", -(kMax / 1000), at, 0},
+    };
+    for (const row_t& row : rows) {
         agenda list;
-        add(list, {{'P', now + ahead + 100}, {'Q', now + ahead}});  // the head decides
-        EXPECT_EQ(list.timeoutMs(now), expected) << "ahead " << ahead;
+        add(list, {{'P', row.head + 100}, {'Q', row.head}});  // the head decides
+        EXPECT_EQ(list.delayUs(row.nowUs), row.delayUs) << row.what;
     }
 }
 

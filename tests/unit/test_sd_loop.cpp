@@ -104,6 +104,29 @@ TEST_F(SdLoop, DeferRunsAfterTheCurrentCallback) {
     EXPECT_EQ(log, (Log{"first", "deferred"}));
 }
 
+// Within one iteration both clocks read the moment it woke up, so that a
+// wall-clock deadline turned into a monotonic one is not shifted by the time
+// the callback has taken so far; the next iteration reads them anew.
+TEST_F(SdLoop, ClocksAreReadOncePerIteration) {
+    std::int64_t wall[2] = {}, mono[2] = {}, nextMono = 0;
+    auto later = loop->createTimer([&] {
+        nextMono = loop->monotonic_us();
+        loop->exit(0);
+    });
+    loop->defer([&] {
+        for (int i = 0; i < 2; ++i) {
+            wall[i] = loop->now_us();
+            mono[i] = loop->monotonic_us();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        later->arm(1000);
+    });
+    EXPECT_EQ(runFor(), 0);
+    EXPECT_EQ(wall[1], wall[0]);
+    EXPECT_EQ(mono[1], mono[0]);
+    EXPECT_GE(nextMono, mono[0] + 4000) << "the timer's iteration woke up after the sleeps";
+}
+
 // The clocks follow the system's; a timer that outlives its loop is stopped
 // and cannot start again.
 TEST_F(SdLoop, ClocksAndTheDefaultLoop) {
