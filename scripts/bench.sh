@@ -5,8 +5,10 @@
 #    host): the cost of each call and of a dispatched change at 100,000
 #    schedules against 100, a full recomputation, and memory per schedule;
 #  - on D-Bus (bench/orv-load against orvd on a private dbus-daemon, with
-#    orv-time forced to Synchronized): lateness of changes, a burst of changes
-#    due in one second, and addSchedule against a bare Ping.
+#    orv-time forced to Synchronized): lateness of changes, bursts of 1,000
+#    and 10,000 changes due in one second against the bus routing as many
+#    one-way calls between two native connections, and addSchedule against
+#    a bare Ping.
 # Each D-Bus load gets a fresh orvd. Every process started here is stopped on
 # the way out, also after a failure or Ctrl-C.
 #
@@ -153,6 +155,7 @@ if [[ $only != inprocess ]]; then
 
     load lateness --mode lateness --count 1000 --window 60
     load burst --mode burst --count 1000
+    load burst-10000 --mode burst --count 10000 --lead 10
     load overhead --mode overhead --population 10000 --rounds 2000
 fi
 
