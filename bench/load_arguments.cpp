@@ -1,5 +1,6 @@
 #include "load_arguments.h"
 
+#include <fstream>
 #include <utility>
 
 namespace load {
@@ -54,6 +55,25 @@ variant_map_t dailyArguments(const std::string& type, const std::string& id, std
         entries.push_back(entry(e.state, e.begin, e.end));
     }
     return addArguments(type, id, "Daily", std::move(entries));
+}
+
+bool writeDailyStore(const std::filesystem::path& file, const std::string& type,
+                     std::size_t count) {
+    std::ofstream out(file);
+    out << "{\"type\": \"" << type << "\", \"rejected\": [], \"schedules\": [";
+    for (std::size_t i = 0; i < count; ++i) {
+        out << (i == 0 ? "\n" : ",\n") << "{\"ID\": \"S" << i
+            << R"(", "enable": true, "base": "Daily", "def": "off", "override": "", "schedule": [)";
+        for (std::size_t k = 0; k < kDailyEntries; ++k) {
+            const daily_entry_t e = dailyEntry(i, k);
+            out << (k == 0 ? "" : ", ") << R"({"state": ")" << e.state << R"(", "begin": )"
+                << e.begin << R"(, "end": )" << e.end << "}";
+        }
+        out << "]}";
+    }
+    out << "\n]}\n";
+    out.close();
+    return static_cast<bool>(out);
 }
 
 variant_map_t removeArguments(const std::string& type, const std::string& id) {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 #include "orv/variant.h"
@@ -30,6 +31,11 @@ constexpr std::size_t kDailyEntries = 4;
 daily_entry_t dailyEntry(std::size_t i, std::size_t k);
 
 variant_map_t dailyArguments(const std::string& type, const std::string& id, std::size_t i);
+
+// A store of the client library for the type, holding count Daily
+// schedules "S0", "S1"... with the entries above; false when it could not
+// be written.
+bool writeDailyStore(const std::filesystem::path& file, const std::string& type, std::size_t count);
 
 variant_map_t removeArguments(const std::string& type, const std::string& id);
 
