@@ -19,6 +19,7 @@ using bench::fixed;
 constexpr auto kSettle = std::chrono::seconds(2);
 constexpr double kRssTargetMiB = 6.0;
 constexpr std::int64_t kDaySeconds = 86400;
+constexpr std::int64_t kAfterChangesNs = 7 * kNsPerSecond;
 
 bool reportRss(pid_t pid, const std::string& what, summary_t* summary) {
     std::this_thread::sleep_for(kSettle);
@@ -46,9 +47,11 @@ bool addFarAhead(load_t& load, std::size_t count) {
             return false;
         }
     }
-    // Their present states follow the replies; they are taken in before the
-    // watch starts, so that orvd has nothing left to send.
-    load.waitFor(monotonicNs() + 2 * kNsPerSecond, [] { return false; });
+    // Their present states follow the replies, and the scheduler announces
+    // the changed schedules of a type once they have been left alone for
+    // 5 s: both are over before the watch starts, so that what is counted
+    // is orvd at rest, not the end of the adding.
+    load.waitFor(monotonicNs() + kAfterChangesNs, [] { return false; });
     return true;
 }
 
@@ -58,6 +61,10 @@ bool reportWakeups(load_t& load, const options_t& options, summary_t* summary) {
     if (!addFarAhead(load, options.population)) {
         return false;
     }
+    // The window in wall-clock time, to find in a trace of orvd what woke it.
+    std::printf("watching orvd from %.3f s since the epoch for %lld s\n",
+                static_cast<double>(realtimeNs()) / 1e9,
+                static_cast<long long>(options.idleSeconds));
     const auto before = threadsStatus(options.pid, "voluntary_ctxt_switches");
     const auto forcedBefore = threadsStatus(options.pid, "nonvoluntary_ctxt_switches");
     std::this_thread::sleep_for(std::chrono::seconds(options.idleSeconds));
