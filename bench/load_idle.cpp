@@ -29,7 +29,12 @@ bool reportRss(pid_t pid, const std::string& what, summary_t* summary) {
         return false;
     }
     const double mib = static_cast<double>(*kib) / 1024.0;
-    std::printf("orvd resident, %s: %lld KiB\n", what.c_str(), static_cast<long long>(*kib));
+    // Its own heap and stacks against the pages of the program and the
+    // libraries, which other processes may share.
+    std::printf("orvd resident, %s: %lld KiB (anonymous %lld KiB, files %lld KiB)\n", what.c_str(),
+                static_cast<long long>(*kib),
+                static_cast<long long>(processStatus(pid, "RssAnon").value_or(-1)),
+                static_cast<long long>(processStatus(pid, "RssFile").value_or(-1)));
     summary->row("orvd resident memory, " + what, fixed(mib, 2) + " MiB",
                  "<= " + fixed(kRssTargetMiB, 0) + " MiB", mib <= kRssTargetMiB);
     return true;

@@ -136,6 +136,19 @@ await() {
     return 1
 }
 
+# Waits at most 10 s for a bus name to lose its owner: the bus daemon may
+# still be reading what an ended orvd sent last (after 10,000 schedules, a
+# signal for each) when the next one asks for the name.
+released() {
+    local _
+    for _ in $(seq 100); do
+        busctl --address="$addr" status "$1" >/dev/null 2>&1 || return 0
+        sleep 0.1
+    done
+    echo "$1 kept its owner" >&2
+    return 1
+}
+
 show_log() {
     [[ -s $1 ]] && { echo "--- $1" >&2; tail -n 20 "$1" >&2; }
     return 0
@@ -153,6 +166,7 @@ bare() {
     shift
     wanted "$name" || return 0
     echo "=== D-Bus: $name"
+    released org.orv.Scheduler || failed=1
     if ! step "$bin/bench/orv-load" --bus "$addr" --summary "$summary" "$@"; then
         failed=1
         printf 'D-Bus %s\t-\t-\tnot measured\n' "$name" >>"$summary"
@@ -166,6 +180,7 @@ load() {
     shift
     wanted "$name" || return 0
     echo "=== D-Bus: $name"
+    released org.orv.Scheduler || failed=1
     "${orvd[@]}" 2>"$work/orvd-$name.log" &
     orvd_pid=$!
     pids+=("$orvd_pid")
