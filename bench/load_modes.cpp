@@ -323,6 +323,8 @@ std::optional<double> burstReference(load_t& load, const options_t& options) {
     return runs[1];
 }
 
+constexpr std::size_t kBurstTargetCount = 1000;
+
 bool burst(load_t& load, const options_t& options, summary_t* summary) {
     const std::int64_t second = firstDueSecond(options);
     const std::vector<std::int64_t> due(options.count, second);
@@ -337,7 +339,11 @@ bool burst(load_t& load, const options_t& options, summary_t* summary) {
                 options.count, firstMs, lastMs);
     const std::string what =
         "D-Bus burst: " + std::to_string(options.count) + " changes in one second";
-    summary->row(what + ", last", fixed(lastMs, 2) + " ms", "<= 100 ms", lastMs <= 100.0);
+    // The absolute target is the one for 1,000 changes; any count is held
+    // against the bus alone.
+    const bool targeted = options.count == kBurstTargetCount;
+    summary->row(what + ", last", fixed(lastMs, 2) + " ms", targeted ? "<= 100 ms" : "-",
+                 targeted ? std::optional<bool>(lastMs <= 100.0) : std::nullopt);
     const std::optional<double> busMs = burstReference(load, options);
     if (!busMs) {
         return false;
