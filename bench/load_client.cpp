@@ -82,8 +82,8 @@ void load_t::close() {
 std::optional<bool> load_t::call(const char* function, const variant_map_t& arguments,
                                  std::int64_t* elapsedNs) {
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus_.get(), &raw, kScheduler, kSchedulerPath, orv_dbus_interface,
-                                           function);
+    int r = sd_bus_message_new_method_call(bus_.get(), &raw, kScheduler, kSchedulerPath,
+                                           orv_dbus_interface, function);
     orv_message_ptr m(raw);
     if (r >= 0) {
         r = orv_dbus_appendMap(raw, arguments);

@@ -24,6 +24,32 @@ std::int64_t monotonicNs();
 // A message on stderr; r, when negative, is the error number it adds.
 void complain(const std::string& what, int r = 0);
 
+// Dispatches what comes on the bus until done() holds or the monotonic
+// deadline passes; false after a failure or at the deadline.
+template <typename Done>
+bool waitOn(sd_bus* bus, std::int64_t deadlineNs, Done done) {
+    while (!done()) {
+        const int r = sd_bus_process(bus, nullptr);
+        if (r < 0) {
+            complain("lost the bus", r);
+            return false;
+        }
+        if (r > 0) {
+            continue;
+        }
+        const std::int64_t left = deadlineNs - monotonicNs();
+        if (left <= 0) {
+            return false;
+        }
+        const int w = sd_bus_wait(bus, static_cast<std::uint64_t>(left / 1000 + 1));
+        if (w < 0 && w != -EINTR) {
+            complain("cannot wait for the bus", w);
+            return false;
+        }
+    }
+    return true;
+}
+
 struct arrival_t {
     std::string id;
     std::string state;
@@ -56,26 +82,7 @@ class load_t {
     // deadline passes; false after a failure or at the deadline.
     template <typename Done>
     bool waitFor(std::int64_t deadlineNs, Done done) {
-        while (!done()) {
-            const int r = sd_bus_process(bus_.get(), nullptr);
-            if (r < 0) {
-                complain("lost the bus", r);
-                return false;
-            }
-            if (r > 0) {
-                continue;
-            }
-            const std::int64_t left = deadlineNs - monotonicNs();
-            if (left <= 0) {
-                return false;
-            }
-            const int w = sd_bus_wait(bus_.get(), static_cast<std::uint64_t>(left / 1000 + 1));
-            if (w < 0 && w != -EINTR) {
-                complain("cannot wait for the bus", w);
-                return false;
-            }
-        }
-        return true;
+        return waitOn(bus_.get(), deadlineNs, done);
     }
 
   private:

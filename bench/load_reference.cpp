@@ -3,8 +3,10 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <utility>
 
 #include "orv/dbus_value.h"
 #include "orv/protocol.h"
@@ -31,7 +33,9 @@ bool sleepUntil(int fd, std::int64_t realtimeNs) {
     return n == sizeof expirations;
 }
 
-int sendReference(sd_bus* bus, std::int64_t index) {
+// A one-way setState of the state "reference" to the client, of the same
+// shape as the scheduler's; flushed at once when asked to.
+int sendReference(sd_bus* bus, const std::string& id, bool flush) {
     sd_bus_message* raw = nullptr;
     int r = sd_bus_message_new_method_call(bus, &raw, "org.orv.Bench", "/Bench/Client",
                                            orv_dbus_interface, "setState");
@@ -40,14 +44,47 @@ int sendReference(sd_bus* bus, std::int64_t index) {
         return r;
     }
     variant_map_t arguments;
-    arguments.push_back({"ID", variant_t("R" + std::to_string(index))});
+    arguments.push_back({"ID", variant_t(id)});
     arguments.push_back({"state", variant_t(kReferenceState)});
     if ((r = orv_dbus_appendMap(raw, arguments)) < 0 ||
         (r = sd_bus_message_set_expect_reply(raw, 0)) < 0 ||
         (r = sd_bus_send(bus, raw, nullptr)) < 0) {
         return r;
     }
-    return sd_bus_flush(bus);
+    return flush ? sd_bus_flush(bus) : r;
+}
+
+// Sends count calls from the whole second on; 0, or an error number.
+int sendBurst(sd_bus* bus, std::int64_t second, std::size_t count) {
+    const int fd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC);
+    if (fd < 0) {
+        return -errno;
+    }
+    const bool woken = sleepUntil(fd, second * kNsPerSecond);
+    close(fd);
+    if (!woken) {
+        return -EIO;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        if (const int r = sendReference(bus, "B" + std::to_string(i), false); r < 0) {
+            return r;
+        }
+    }
+    const int r = sd_bus_flush(bus);
+    return r < 0 ? r : 0;
+}
+
+// The latest arrival of the burst's calls, and how many came.
+std::pair<std::int64_t, std::size_t> burstArrivals(const load_t& load) {
+    std::int64_t last = 0;
+    std::size_t count = 0;
+    for (const arrival_t& arrival : load.arrivals()) {
+        if (arrival.state == kReferenceState && arrival.id.starts_with('B')) {
+            last = std::max(last, arrival.realtimeNs);
+            ++count;
+        }
+    }
+    return {last, count};
 }
 
 }  // namespace
@@ -74,7 +111,7 @@ void reference_t::run(std::int64_t first, std::int64_t count) {
             complain("the reference's timer failed", -errno);
             break;
         }
-        if (const int r = sendReference(bus_.get(), i); r < 0) {
+        if (const int r = sendReference(bus_.get(), "R" + std::to_string(i), true); r < 0) {
             complain("cannot send the reference", r);
             break;
         }
@@ -104,6 +141,34 @@ std::vector<double> referenceDelays(const load_t& load, std::int64_t first) {
         delays.push_back(static_cast<double>(arrival.realtimeNs - due - kHalfSecondNs) / 1e6);
     }
     return delays;
+}
+
+std::optional<double> burstReferenceMs(load_t& load, const std::string& address,
+                                       std::size_t count) {
+    int r = 0;
+    orv_bus_ptr bus = orv_dbus_open(address, "orv-load-burst", &r);
+    if (r < 0) {
+        complain("cannot connect the burst's reference to the bus " + address, r);
+        return std::nullopt;
+    }
+    load.clearArrivals();
+    const std::int64_t second = realtimeNs() / kNsPerSecond + 2;
+    std::atomic<int> sent{1};
+    std::thread sender([&] { sent = sendBurst(bus.get(), second, count); });
+    const std::int64_t deadline = monotonicNs() + 30 * kNsPerSecond;
+    load.waitFor(deadline, [&] {
+        return sent.load() < 0 ||
+               (load.arrivals().size() >= count && burstArrivals(load).second >= count);
+    });
+    sender.join();
+    const auto [last, arrived] = burstArrivals(load);
+    if (sent.load() < 0 || arrived != count) {
+        complain("the burst's reference: " + std::to_string(arrived) + " of " +
+                     std::to_string(count) + " calls arrived",
+                 sent.load());
+        return std::nullopt;
+    }
+    return static_cast<double>(last - second * kNsPerSecond) / 1e6;
 }
 
 }  // namespace load

@@ -6,7 +6,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,5 +45,13 @@ class reference_t {
 
 // How late each reference call arrived after its half second, in ms.
 std::vector<double> referenceDelays(const load_t& load, std::int64_t first);
+
+// The bus alone for a burst: a connection of its own, on a thread of its
+// own, sends the client count one-way setState calls as fast as sd-bus
+// takes them, from a whole second on, woken by a timer as orvd is. The time
+// from that second to the last arrival is what the bus daemon needs to
+// route the burst from a native sender to a native receiver, in ms; nullopt
+// after a message. The client's arrivals are cleared first.
+std::optional<double> burstReferenceMs(load_t& load, const std::string& address, std::size_t count);
 
 }  // namespace load

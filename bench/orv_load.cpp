@@ -17,6 +17,15 @@
 //            round trips (each followed by a removeSchedules of the same ID)
 //            alternate with bare org.freedesktop.DBus.Peer.Ping round trips to
 //            the same daemon.
+//  idle      orvd's resident memory (--pid) once it settled, with nothing
+//            registered and with the type registered; with --idle-seconds,
+//            its wake-ups over that time while --population schedules are
+//            all due a day later.
+//  startup   starts orvd --starts times with the command after "--", when
+//            none runs: the time until org.orv.Scheduler has an owner.
+//  owner     starts --owner (orv-owner) with a store of --population Daily
+//            schedules of the type "Owned": the time until the scheduler
+//            has told it the state of every one.
 //
 // "--summary FILE" appends one line per figure to FILE: figure, value, target
 // and verdict, separated by tabs. The exit code is 0 when the figures could
@@ -33,29 +42,44 @@ namespace {
 
 using load::options_t;
 
+// A number option with its default shown and its range checked.
+template <typename Number>
+void ranged(CLI::App& app, const char* name, Number& value, const char* help, double low,
+            double high) {
+    app.add_option(name, value, help)->capture_default_str()->check(CLI::Range(low, high));
+}
+
+// The options of the loads that drive the scheduler as its client.
+void clientOptions(CLI::App& app, options_t* options) {
+    ranged(app, "--count", options->count, "schedules of lateness and burst", 1, 100000);
+    ranged(app, "--window", options->window, "seconds the lateness changes spread over", 1, 3600);
+    ranged(app, "--lead", options->lead, "seconds from the start to the first change", 1, 600);
+    ranged(app, "--population", options->population,
+           "schedules present during overhead and idle, stored for owner", 0, 1000000);
+    ranged(app, "--rounds", options->rounds, "measured rounds of overhead", 1, 1000000);
+    ranged(app, "--warmup", options->warmup, "rounds of overhead not measured", 0, 1000000);
+}
+
+// The options of the loads that look at orvd's process or start programs.
+void processOptions(CLI::App& app, options_t* options) {
+    app.add_option("--pid", options->pid, "orvd's process, which idle reads");
+    ranged(app, "--idle-seconds", options->idleSeconds, "seconds idle watches wake-ups (0: not)", 0,
+           3600);
+    ranged(app, "--starts", options->starts, "starts of orvd for startup", 1, 1000);
+    app.add_option("--owner", options->owner, "the orv-owner program, for owner")
+        ->capture_default_str();
+    app.add_option("command", options->command, "after --: the command that starts orvd");
+}
+
 int parse(int argc, char** argv, options_t* options) {
     CLI::App app("orv-load: measures orvd's scheduler on D-Bus as its client sees it.", "orv-load");
     app.add_option("--bus", options->bus, "the address of the bus orvd is on")->required();
-    app.add_option("--mode", options->mode, "lateness, burst or overhead")
+    app.add_option("--mode", options->mode, "lateness, burst, overhead, idle, startup or owner")
         ->required()
-        ->check(CLI::IsMember({"lateness", "burst", "overhead"}));
-    app.add_option("--count", options->count, "schedules of lateness and burst")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 100000));
-    app.add_option("--window", options->window, "seconds the lateness changes spread over")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 3600));
-    app.add_option("--lead", options->lead, "seconds from the start to the first change")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 600));
-    app.add_option("--population", options->population, "schedules present during overhead")
-        ->capture_default_str();
-    app.add_option("--rounds", options->rounds, "measured rounds of overhead")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 1000000));
-    app.add_option("--warmup", options->warmup, "rounds of overhead not measured")
-        ->capture_default_str();
+        ->check(CLI::IsMember({"lateness", "burst", "overhead", "idle", "startup", "owner"}));
     app.add_option("--summary", options->summary, "a file to append the figures to");
+    clientOptions(app, options);
+    processOptions(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -65,15 +89,42 @@ int parse(int argc, char** argv, options_t* options) {
     return 0;
 }
 
-// The load the options ask for; false when it could not be measured.
-bool measure(load::load_t& load, const options_t& options, load::summary_t* summary) {
+// A load that drives the scheduler as the client Bench.Client of the type
+// registered for it; false when it could not be measured.
+bool measureAsClient(const options_t& options, load::summary_t* summary) {
+    load::load_t load;
+    if (!load.open(options.bus)) {
+        return false;
+    }
+    if (options.mode == "idle") {
+        const bool measured = load::idle(load, options, summary);
+        load::unregisterType(load);
+        return measured;
+    }
+    if (!load::registerType(load)) {
+        return false;
+    }
+    bool measured = false;
     if (options.mode == "lateness") {
-        return load::lateness(load, options, summary);
+        measured = load::lateness(load, options, summary);
+    } else if (options.mode == "burst") {
+        measured = load::burst(load, options, summary);
+    } else {
+        measured = load::overhead(load, options, summary);
     }
-    if (options.mode == "burst") {
-        return load::burst(load, options, summary);
+    load::unregisterType(load);
+    return measured;
+}
+
+// The load the options ask for; false when it could not be measured.
+bool measure(const options_t& options, load::summary_t* summary) {
+    if (options.mode == "startup") {
+        return load::startup(options, summary);
     }
-    return load::overhead(load, options, summary);
+    if (options.mode == "owner") {
+        return load::owner(options, summary);
+    }
+    return measureAsClient(options, summary);
 }
 
 }  // namespace
@@ -84,14 +135,8 @@ int main(int argc, char** argv) {
         return code < 0 ? 0 : code;
     }
     try {
-        load::load_t load;
-        if (!load.open(options.bus) || !load::registerType(load)) {
-            return 1;
-        }
         load::summary_t summary(options.summary);
-        const bool measured = measure(load, options, &summary);
-        load::unregisterType(load);
-        load.close();
+        const bool measured = measure(options, &summary);
         if (!summary.write()) {
             load::complain("cannot write " + options.summary);
             return 1;

@@ -5,12 +5,20 @@
 #    host): the cost of each call and of a dispatched change at 100,000
 #    schedules against 100, a full recomputation, and memory per schedule;
 #  - on D-Bus (bench/orv-load against orvd on a private dbus-daemon, with
-#    orv-time forced to Synchronized): lateness of changes, a burst of changes
-#    due in one second, and addSchedule against a bare Ping.
+#    orv-time forced to Synchronized): lateness of changes, bursts of 1,000
+#    and 10,000 changes due in one second against the bus routing as many
+#    one-way calls between two native connections, addSchedule against a
+#    bare Ping, how soon a started orvd owns its name, its resident memory
+#    at rest (and, with --idle-seconds N, how often it wakes over N seconds
+#    while nothing is due), and how soon orv-owner with 10,000 stored
+#    schedules has been told all their states.
 # Each D-Bus load gets a fresh orvd. Every process started here is stopped on
 # the way out, also after a failure or Ctrl-C.
 #
 # Usage: scripts/bench.sh [--only inprocess|dbus] [--repetitions N]
+#                         [--load NAME]... [--idle-seconds N]
+# --load runs only the named D-Bus loads (lateness, burst, burst-10000,
+# overhead, startup, idle, owner); without it all run.
 #
 # The exit code is 0 when every figure was measured, met or missed, and 1
 # when a measurement could not be made.
@@ -19,6 +27,9 @@ cd "$(dirname "$0")/.."
 
 only=""
 repetitions=3
+idle_seconds=0
+loads=()
+usage="usage: scripts/bench.sh [--only inprocess|dbus] [--repetitions N] [--load NAME]... [--idle-seconds N]"
 while (($#)); do
     case $1 in
     --only)
@@ -29,8 +40,16 @@ while (($#)); do
         repetitions=${2:?--repetitions needs a number}
         shift 2
         ;;
+    --load)
+        loads+=("${2:?--load needs the name of a D-Bus load}")
+        shift 2
+        ;;
+    --idle-seconds)
+        idle_seconds=${2:?--idle-seconds needs a number}
+        shift 2
+        ;;
     *)
-        echo "usage: scripts/bench.sh [--only inprocess|dbus] [--repetitions N]" >&2
+        echo "$usage" >&2
         exit 2
         ;;
     esac
@@ -61,6 +80,7 @@ stop_pid() {
     forget "$1"
 }
 
+# shellcheck disable=SC2317 # called by the trap
 cleanup() {
     local status=$?
     trap - EXIT INT TERM
@@ -116,22 +136,56 @@ await() {
     return 1
 }
 
+# Waits at most 10 s for a bus name to lose its owner: the bus daemon may
+# still be reading what an ended orvd sent last (after 10,000 schedules, a
+# signal for each) when the next one asks for the name.
+released() {
+    local _
+    for _ in $(seq 100); do
+        busctl --address="$addr" status "$1" >/dev/null 2>&1 || return 0
+        sleep 0.1
+    done
+    echo "$1 kept its owner" >&2
+    return 1
+}
+
 show_log() {
     [[ -s $1 ]] && { echo "--- $1" >&2; tail -n 20 "$1" >&2; }
     return 0
 }
 
-# One load against a fresh orvd: NAME ORV-LOAD-OPTIONS...
+# True when the D-Bus load NAME is to run.
+wanted() {
+    ((${#loads[@]} == 0)) || [[ " ${loads[*]} " == *" $1 "* ]]
+}
+
+# orv-load against no orvd, for the loads that start their own: NAME
+# ORV-LOAD-OPTIONS...
+bare() {
+    local name=$1
+    shift
+    wanted "$name" || return 0
+    echo "=== D-Bus: $name"
+    released org.orv.Scheduler || failed=1
+    if ! step "$bin/bench/orv-load" --bus "$addr" --summary "$summary" "$@"; then
+        failed=1
+        printf 'D-Bus %s\t-\t-\tnot measured\n' "$name" >>"$summary"
+    fi
+}
+
+# One load against a fresh orvd, whose process orv-load gets as --pid: NAME
+# ORV-LOAD-OPTIONS...
 load() {
     local name=$1 orvd_pid
     shift
+    wanted "$name" || return 0
     echo "=== D-Bus: $name"
-    "$bin/host/orvd" --bus "$addr" --plugin "$bin/plugin/scheduler_plugin.so" \
-        --definition definitions/scheduler.json --trace-level 0 2>"$work/orvd-$name.log" &
+    released org.orv.Scheduler || failed=1
+    "${orvd[@]}" 2>"$work/orvd-$name.log" &
     orvd_pid=$!
     pids+=("$orvd_pid")
     if ! await org.orv.Scheduler ||
-        ! step "$bin/bench/orv-load" --bus "$addr" --summary "$summary" "$@"; then
+        ! step "$bin/bench/orv-load" --bus "$addr" --summary "$summary" --pid "$orvd_pid" "$@"; then
         failed=1
         printf 'D-Bus %s\t-\t-\tnot measured\n' "$name" >>"$summary"
         show_log "$work/orvd-$name.log"
@@ -151,9 +205,16 @@ if [[ $only != inprocess ]]; then
     pids+=("$!")
     await org.orv.Time
 
+    orvd=("$bin/host/orvd" --bus "$addr" --plugin "$bin/plugin/scheduler_plugin.so"
+        --definition definitions/scheduler.json --trace-level 0)
+
     load lateness --mode lateness --count 1000 --window 60
     load burst --mode burst --count 1000
+    load burst-10000 --mode burst --count 10000 --lead 10
     load overhead --mode overhead --population 10000 --rounds 2000
+    bare startup --mode startup --starts 9 -- "${orvd[@]}"
+    load idle --mode idle --population 1000 --idle-seconds "$idle_seconds"
+    load owner --mode owner --population 10000 --owner "$bin/tools/orv-owner"
 fi
 
 echo
