@@ -145,7 +145,11 @@ object_t* schedules_find(object_t* typeInstance, std::string_view id) {
     // A schedule's instance is keyed by its ID, so the key finds it without
     // walking every schedule of the type.
     object_t* instance = schedules != nullptr ? schedules->instance(id) : nullptr;
-    return instance != nullptr && textParameter(instance, "ID") == id ? instance : nullptr;
+    if (instance == nullptr) {
+        return nullptr;
+    }
+    const std::string* stored = variant_da_string(object_parameterValue(instance, "ID"));
+    return stored != nullptr && *stored == id ? instance : nullptr;
 }
 
 schedule_record_t* schedules_record(const object_t* instance) {

@@ -34,8 +34,7 @@ std::vector<object_t*> schedules_of(const object_t* typeInstance);
 //
 // A type may hold a hundred thousand schedules scattered over the heap, and a
 // walk over all of them waits on memory, not on the work: while one schedule
-// is visited, the instance two ahead and the record of the next one are
-// already being fetched.
+// is visited, the next ones are already being fetched.
 template <typename Visit>
 void schedules_each(const object_t* typeInstance, Visit visit);
 // A new, still pending instance that owns record; null when the ID is taken
@@ -54,18 +53,26 @@ schedule_t schedules_read(const object_t* instance, bool complete);
 template <typename Visit>
 void schedules_each(const object_t* typeInstance, Visit visit) {
     object_t* schedules = schedules_template(typeInstance);
+    // Three schedules ahead of the present one: the instance of the third
+    // comes in, the record of the second, and the entries of the first, each
+    // found through what the step before brought in.
     object_t* current = schedules != nullptr ? object_firstInstance(schedules) : nullptr;
     object_t* next = current != nullptr ? object_nextInstance(current) : nullptr;
+    object_t* after = next != nullptr ? object_nextInstance(next) : nullptr;
     while (current != nullptr) {
-        object_t* after = next != nullptr ? object_nextInstance(next) : nullptr;
+        object_t* later = after != nullptr ? object_nextInstance(after) : nullptr;
+        if (later != nullptr) {
+            __builtin_prefetch(later);
+        }
         if (after != nullptr) {
-            __builtin_prefetch(after);
+            __builtin_prefetch(schedules_record(after));
         }
         if (next != nullptr) {
-            __builtin_prefetch(schedules_record(next));
+            __builtin_prefetch(schedules_record(next)->spec.entries.data());
         }
         visit(current, *schedules_record(current));
         current = next;
         next = after;
+        after = later;
     }
 }
