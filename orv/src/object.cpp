@@ -5,6 +5,8 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
+#include <memory>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -18,10 +20,37 @@ object_t::object_t(datamodel_t* model, object_t* parent, const object_definition
     : datamodel_(model),
       parent_(parent),
       definition_(definition),
-      kind_(kind),
-      name_(std::move(name)) {}
+      name_(std::move(name)),
+      kind_(kind) {
+    static_assert(sizeof(object_t) % alignof(variant_t) == 0, "the values follow the object");
+    // make() allocated room for the values; they start as the defaults.
+    if (kind == kind_t::template_object || definition == nullptr) {
+        return;
+    }
+    try {
+        for (const auto& parameter : definition->parameters) {
+            new (values() + parameterCount_) variant_t(parameter.defaultValue);
+            ++parameterCount_;
+        }
+    } catch (...) {
+        std::destroy_n(values(), parameterCount_);
+        throw;
+    }
+}
 
-object_t::~object_t() = default;
+object_t::~object_t() {
+    children_.clear();
+    instances_.reset();
+    std::destroy_n(values(), parameterCount_);
+}
+
+object_instances_t::~object_instances_t() {
+    // Owned through the links: each instance goes with what is below it.
+    while (object_t* instance = list.back()) {
+        list.erase(*instance);
+        delete instance;
+    }
+}
 
 object_t* object_t::child(std::string_view name) const {
     for (const auto& child : children_) {
@@ -33,11 +62,7 @@ object_t* object_t::child(std::string_view name) const {
 }
 
 object_t* object_t::instance(std::string_view key) const {
-    return object_access::byKey(this, key);
-}
-
-object_parameter_t* object_t::parameter(std::string_view name) {
-    return const_cast<object_parameter_t*>(object_access::findParameter(this, name));
+    return instances_ ? object_access::byKey(this, key) : nullptr;
 }
 
 // ------------------------------------------------------------- datamodel_t
@@ -165,30 +190,35 @@ object_t* object_nextInstance(const object_t* instance) {
 }
 
 std::size_t object_instanceCount(const object_t* templateObject) {
-    return templateObject ? templateObject->instances().size() : 0;
+    return object_access::instanceCount(templateObject);
+}
+
+std::size_t object_access::instanceCount(const object_t* templateObject) {
+    return templateObject && templateObject->instances_ ? templateObject->instances_->list.size()
+                                                        : 0;
 }
 
 object_t* object_access::firstInstance(const object_t* templateObject) {
-    if (!templateObject || templateObject->instances_.empty()) {
+    if (!templateObject || !templateObject->instances_) {
         return nullptr;
     }
-    return templateObject->instances_.front().get();
+    return templateObject->instances_->list.front();
 }
 
 object_t* object_access::nextInstance(const object_t* instance) {
-    if (!instance || instance->kind_ != object_t::kind_t::instance || !instance->parent_) {
+    if (!instance || instance->kind_ != object_t::kind_t::instance) {
         return nullptr;
     }
-    auto it = std::next(instance->self_);
-    return it == instance->parent_->instances_.end() ? nullptr : it->get();
+    return instance_list_t::next(*instance);
 }
 
-const object_parameter_t* object_access::findParameter(const object_t* object,
-                                                       std::string_view name) {
-    for (const auto& parameter : object->parameters_) {
-        if (parameter.definition->name == name) {
-            return &parameter;
+std::size_t object_access::parameterIndex(const object_t* object, std::string_view name) {
+    std::size_t at = 0;
+    if (object->parameterCount_ != 0) {
+        const auto& parameters = object->definition_->parameters;
+        while (at < object->parameterCount_ && parameters[at].name != name) {
+            ++at;
         }
     }
-    return nullptr;
+    return at;
 }

@@ -17,16 +17,21 @@ bool object_access::published(const object_t* object) {
 }
 
 void object_access::applyPending(object_t* object, std::vector<std::string>* changed) {
-    for (auto& parameter : object->parameters_) {
-        if (!parameter.pending) {
+    if (!object->pending_) {
+        return;
+    }
+    variant_t* values = object->values();
+    for (std::uint32_t i = 0; i < object->parameterCount_; ++i) {
+        std::optional<variant_t>& pending = object->pending_[i];
+        if (!pending) {
             continue;
         }
-        if (changed && !(parameter.value == *parameter.pending)) {
-            changed->push_back(parameter.definition->name);
+        if (changed && !(values[i] == *pending)) {
+            changed->push_back(object->definition_->parameters[i].name);
         }
-        parameter.value = std::move(*parameter.pending);
-        parameter.pending.reset();
+        values[i] = std::move(*pending);
     }
+    object->pending_.reset();
 }
 
 void object_access::applyPlainSubtree(object_t* object) {
@@ -53,21 +58,20 @@ void object_access::commit(object_t* object) {
                 observer->instanceAdded(*object);
             }
         }
-    } else {
+    } else if (parentPublished && observer) {
         std::vector<std::string> changed;
         applyPending(object, &changed);
-        if (!changed.empty() && parentPublished && observer) {
+        if (!changed.empty()) {
             observer->parametersChanged(*object, changed);
         }
+    } else {
+        // Nobody is told: the names of the changed values are not needed.
+        applyPending(object, nullptr);
     }
     for (std::size_t i = 0; i < object->children_.size(); ++i) {
         commit(object->children_[i].get());
     }
-    for (auto it = object->instances_.begin(); it != object->instances_.end();) {
-        object_t* instance = it->get();
-        ++it;
-        commit(instance);
-    }
+    eachInstance(object, [](object_t* instance) { commit(instance); });
 }
 
 void object_access::rollback(object_t* object) {
@@ -76,17 +80,11 @@ void object_access::rollback(object_t* object) {
         return;
     }
     object->deleted_ = false;
-    for (auto& parameter : object->parameters_) {
-        parameter.pending.reset();
-    }
+    object->pending_.reset();
     for (std::size_t i = 0; i < object->children_.size(); ++i) {
         rollback(object->children_[i].get());
     }
-    for (auto it = object->instances_.begin(); it != object->instances_.end();) {
-        object_t* instance = it->get();
-        ++it;
-        rollback(instance);
-    }
+    eachInstance(object, [](object_t* instance) { rollback(instance); });
 }
 
 bool object_access::markDeleted(object_t* object) {

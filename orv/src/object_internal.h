@@ -11,9 +11,23 @@
 #include <vector>
 
 #include "orv/definition.h"
+#include "orv/flat_table.h"
+#include "orv/intrusive_list.h"
 #include "orv/object.h"
 
+// An instance filed under the hash of its key in its template's index.
+struct object_key_slot_t {
+    std::uint64_t hash = 0;
+    object_t* instance = nullptr;
+};
+struct object_key_traits_t {
+    static bool empty(const object_key_slot_t& slot) { return slot.instance == nullptr; }
+    static std::uint64_t hash(const object_key_slot_t& slot) { return slot.hash; }
+};
+
 struct object_access {
+    using instance_list_t = orv_intrusive_list_t<object_t, &object_t::links_>;
+
     static std::uint64_t keyHash(std::string_view key) {
         return std::hash<std::string_view>{}(key);
     }
@@ -43,9 +57,14 @@ struct object_access {
     // Walking and reading (object.cpp).
     static object_t* firstInstance(const object_t* templateObject);
     static object_t* nextInstance(const object_t* instance);
-    static const object_parameter_t* findParameter(const object_t* object, std::string_view name);
+    static std::size_t instanceCount(const object_t* templateObject);
+    // The position of the named parameter, or the parameter count.
+    static std::size_t parameterIndex(const object_t* object, std::string_view name);
 
-    // User data (object_parameter.cpp).
+    // Parameters and user data (object_parameter.cpp). value reads the
+    // pending value unless committed is set.
+    static const variant_t* value(const object_t* object, std::string_view name, bool committed);
+    static bool setPending(object_t* object, std::size_t at, variant_t value);
     static void setUserData(object_t* object, void* data, void (*release)(void*));
     static void* userData(const object_t* object) { return object->userData_.get(); }
     static void setDestroyHandler(object_t* object, object_destroy_handler_t handler) {
@@ -53,7 +72,6 @@ struct object_access {
     }
 
   private:
-    static void addParameters(object_t* object, const object_definition_t* definition);
     // A plain object or a template below parent, with everything below it.
     static std::unique_ptr<object_t> build(datamodel_t* model, object_t* parent,
                                            const object_definition_t* definition);
@@ -69,7 +87,38 @@ struct object_access {
 
     // True when every instance at or above object has been committed.
     static bool published(const object_t* object);
+    // Makes the pending slots of an object on its first write.
+    static std::optional<variant_t>* pendingSlots(object_t* object);
     static void applyPending(object_t* object, std::vector<std::string>* changed);
     // Applies pending values of the plain objects below object, silently.
     static void applyPlainSubtree(object_t* object);
+    // Calls visit on each instance of object, if it is a template; visit may
+    // destroy the instance it is given.
+    template <typename Visit>
+    static void eachInstance(object_t* object, Visit visit);
 };
+
+// What only a template has: its instances in creation order, which it owns,
+// and the index by key.
+struct object_instances_t {
+    object_instances_t() = default;
+    object_instances_t(const object_instances_t&) = delete;
+    object_instances_t& operator=(const object_instances_t&) = delete;
+    ~object_instances_t();
+
+    object_access::instance_list_t list;
+    orv_flat_table_t<object_key_slot_t, object_key_traits_t> byKey;
+    std::uint32_t nextIndex = 1;
+};
+
+template <typename Visit>
+void object_access::eachInstance(object_t* object, Visit visit) {
+    if (!object->instances_) {
+        return;
+    }
+    for (object_t* instance = object->instances_->list.front(); instance != nullptr;) {
+        object_t* next = instance_list_t::next(*instance);
+        visit(instance);
+        instance = next;
+    }
+}

@@ -13,52 +13,63 @@ void noRelease(void*) {}
 
 // --------------------------------------------------------------- parameters
 
-const variant_t* object_parameterValue(const object_t* object, std::string_view name) {
+std::optional<variant_t>* object_access::pendingSlots(object_t* object) {
+    if (!object->pending_) {
+        object->pending_ = std::make_unique<std::optional<variant_t>[]>(object->parameterCount_);
+    }
+    return object->pending_.get();
+}
+
+const variant_t* object_access::value(const object_t* object, std::string_view name,
+                                      bool committed) {
     if (!object) {
         return nullptr;
     }
-    const object_parameter_t* parameter = object_access::findParameter(object, name);
-    if (!parameter) {
+    const std::size_t at = parameterIndex(object, name);
+    if (at == object->parameterCount_) {
         return nullptr;
     }
-    return parameter->pending ? parameter->pending.get() : &parameter->value;
+    if (!committed && object->pending_ && object->pending_[at]) {
+        return &*object->pending_[at];
+    }
+    return &object->committedValues()[at];
+}
+
+bool object_access::setPending(object_t* object, std::size_t at, variant_t value) {
+    pendingSlots(object)[at] = std::move(value);
+    return true;
+}
+
+const variant_t* object_parameterValue(const object_t* object, std::string_view name) {
+    return object_access::value(object, name, false);
 }
 
 const variant_t* object_parameterCommittedValue(const object_t* object, std::string_view name) {
-    if (!object) {
-        return nullptr;
-    }
-    const object_parameter_t* parameter = object_access::findParameter(object, name);
-    return parameter ? &parameter->value : nullptr;
+    return object_access::value(object, name, true);
 }
 
 namespace {
 
-object_parameter_t* writableParameter(object_t* object, std::string_view name) {
+// The type of the named parameter of object, or nullptr with the error set.
+const parameter_definition_t* writableParameter(object_t* object, std::string_view name,
+                                                std::size_t* at) {
     if (!object) {
         orv_setError(orv_error_invalid_argument);
         return nullptr;
     }
-    object_parameter_t* parameter = object->parameter(name);
-    if (!parameter) {
+    *at = object_access::parameterIndex(object, name);
+    if (*at == object->committedValues().size()) {
         orv_setError(orv_error_not_found);
+        return nullptr;
     }
-    return parameter;
-}
-
-bool setPending(object_parameter_t* parameter, variant_t value) {
-    if (parameter->pending) {
-        *parameter->pending = std::move(value);
-    } else {
-        parameter->pending = std::make_unique<variant_t>(std::move(value));
-    }
-    return true;
+    return &object->definition()->parameters[*at];
 }
 
 }  // namespace
 
 bool object_parameterSetValue(object_t* object, std::string_view name, const variant_t* value) {
-    object_parameter_t* parameter = writableParameter(object, name);
+    std::size_t at = 0;
+    const parameter_definition_t* parameter = writableParameter(object, name, &at);
     if (!parameter) {
         return false;
     }
@@ -66,12 +77,12 @@ bool object_parameterSetValue(object_t* object, std::string_view name, const var
         orv_setError(orv_error_invalid_value);
         return false;
     }
-    auto converted = definition_convertValue(parameter->definition->type, *value);
+    auto converted = definition_convertValue(parameter->type, *value);
     if (!converted) {
         orv_setError(orv_error_invalid_value);
         return false;
     }
-    return setPending(parameter, std::move(*converted));
+    return object_access::setPending(object, at, std::move(*converted));
 }
 
 bool object_parameterSetCharValue(object_t* object, std::string_view name, std::string_view value) {
@@ -82,7 +93,8 @@ bool object_parameterSetCharValue(object_t* object, std::string_view name, std::
 bool object_parameterSetStringValue(object_t* object, std::string_view name,
                                     const std::string* value) {
     if (!value) {
-        if (writableParameter(object, name)) {
+        std::size_t at = 0;
+        if (writableParameter(object, name, &at)) {
             orv_setError(orv_error_invalid_value);
         }
         return false;
@@ -102,11 +114,12 @@ bool object_parameterSetUInt32Value(object_t* object, std::string_view name, std
 
 bool object_parameterSetDateTimeValue(object_t* object, std::string_view name,
                                       const struct tm* value) {
-    object_parameter_t* parameter = writableParameter(object, name);
+    std::size_t at = 0;
+    const parameter_definition_t* parameter = writableParameter(object, name, &at);
     if (!parameter) {
         return false;
     }
-    if (!value || parameter->definition->type != variant_type_date_time) {
+    if (!value || parameter->type != variant_type_date_time) {
         orv_setError(orv_error_invalid_value);
         return false;
     }
@@ -117,7 +130,8 @@ bool object_parameterSetDateTimeValue(object_t* object, std::string_view name,
         orv_setError(orv_error_invalid_value);
         return false;
     }
-    return setPending(parameter, variant_t::dateTime(static_cast<std::int64_t>(seconds)));
+    return object_access::setPending(object, at,
+                                     variant_t::dateTime(static_cast<std::int64_t>(seconds)));
 }
 
 // ---------------------------------------------------------------- user data

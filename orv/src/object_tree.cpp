@@ -12,7 +12,7 @@ object_t* object_access::byKey(const object_t* templateObject, std::string_view 
     const std::uint64_t hash = keyHash(key);
     object_t* found = nullptr;
     // The stored hash spares reading the instances of other keys.
-    templateObject->byKey_.scan(hash, [&](std::size_t, const object_key_slot_t& slot) {
+    templateObject->instances_->byKey.scan(hash, [&](std::size_t, const object_key_slot_t& slot) {
         if (slot.hash == hash && slot.instance->name_ == key) {
             found = slot.instance;
         }
@@ -24,16 +24,21 @@ object_t* object_access::byKey(const object_t* templateObject, std::string_view 
 std::unique_ptr<object_t> object_access::make(datamodel_t* model, object_t* parent,
                                               const object_definition_t* definition,
                                               object_t::kind_t kind, std::string name) {
-    return std::unique_ptr<object_t>(
-        new object_t(model, parent, definition, kind, std::move(name)));
-}
-
-void object_access::addParameters(object_t* object, const object_definition_t* definition) {
-    object->parameters_.reserve(definition->parameters.size());
-    for (const auto& parameter : definition->parameters) {
-        object->parameters_.push_back(
-            object_parameter_t{&parameter, parameter.defaultValue, nullptr});
+    const std::size_t count = kind == object_t::kind_t::template_object || definition == nullptr
+                                  ? 0
+                                  : definition->parameters.size();
+    void* block = ::operator new(sizeof(object_t) + count * sizeof(variant_t));
+    std::unique_ptr<object_t> object;
+    try {
+        object.reset(new (block) object_t(model, parent, definition, kind, std::move(name)));
+    } catch (...) {
+        ::operator delete(block);
+        throw;
     }
+    if (kind == object_t::kind_t::template_object) {
+        object->instances_ = std::make_unique<object_instances_t>();
+    }
+    return object;
 }
 
 std::unique_ptr<object_t> object_access::build(datamodel_t* model, object_t* parent,
@@ -49,7 +54,6 @@ std::unique_ptr<object_t> object_access::build(datamodel_t* model, object_t* par
 }
 
 void object_access::fillFromDefinition(object_t* object, const object_definition_t* definition) {
-    addParameters(object, definition);
     object->children_.reserve(definition->objects.size());
     for (const auto& child : definition->objects) {
         object->children_.push_back(build(object->datamodel_, object, child.get()));
@@ -83,7 +87,8 @@ std::optional<std::string> object_access::load(datamodel_t* model, std::string_v
 }
 
 bool object_access::indexTaken(const object_t* templateObject, std::uint32_t index) {
-    for (const auto& instance : templateObject->instances_) {
+    for (const object_t* instance = templateObject->instances_->list.front(); instance != nullptr;
+         instance = instance_list_t::next(*instance)) {
         if (instance->index_ == index) {
             return true;
         }
@@ -106,11 +111,11 @@ std::uint32_t object_access::chooseIndex(const object_t* templateObject, std::in
         }
         return chosen;
     }
-    if (templateObject->nextIndex_ == 0) {  // wrapped around: no index left
+    if (templateObject->instances_->nextIndex == 0) {  // wrapped around: no index left
         orv_setError(orv_error_invalid_argument);
         return 0;
     }
-    std::uint32_t chosen = templateObject->nextIndex_;
+    std::uint32_t chosen = templateObject->instances_->nextIndex;
     if (!named) {
         // The name comes from the index: skip indices whose text is a key already.
         while (byKey(templateObject, std::to_string(chosen)) != nullptr &&
@@ -127,13 +132,13 @@ object_t* object_access::attachInstance(object_t* templateObject, std::uint32_t 
                          object_t::kind_t::instance, std::move(name));
     instance->index_ = index;
     fillFromDefinition(instance.get(), templateObject->definition_);
-    object_t* raw = instance.get();
-    templateObject->instances_.push_back(std::move(instance));
-    raw->self_ = std::prev(templateObject->instances_.end());
-    templateObject->byKey_.insert({keyHash(raw->name_), raw});
-    if (index >= templateObject->nextIndex_) {
+    object_instances_t& instances = *templateObject->instances_;
+    instances.byKey.insert({keyHash(instance->name_), instance.get()});
+    object_t* raw = instance.release();
+    instances.list.pushBack(*raw);
+    if (index >= instances.nextIndex) {
         // 0 after the last index: no automatic index is left.
-        templateObject->nextIndex_ = index + 1;
+        instances.nextIndex = index + 1;
     }
     return raw;
 }
@@ -165,8 +170,11 @@ void object_access::destroyTree(object_t* object) {
     for (auto& child : object->children_) {
         destroyTree(child.get());
     }
-    for (auto it = object->instances_.begin(); it != object->instances_.end(); ++it) {
-        destroyTree(it->get());
+    if (object->instances_) {
+        for (object_t* instance = object->instances_->list.front(); instance != nullptr;
+             instance = instance_list_t::next(*instance)) {
+            destroyTree(instance);
+        }
     }
     if (auto handler = object->destroyHandler_) {
         object->destroyHandler_ = nullptr;
@@ -181,14 +189,15 @@ void object_access::removeInstance(object_t* instance, bool notify) {
         observer->instanceRemoved(*instance);
     }
     destroyTree(instance);
-    object_t* templateObject = instance->parent_;
-    const std::size_t filed = templateObject->byKey_.scan(
+    object_instances_t& instances = *instance->parent_->instances_;
+    const std::size_t filed = instances.byKey.scan(
         keyHash(instance->name_),
         [&](std::size_t, const object_key_slot_t& slot) { return slot.instance == instance; });
-    if (filed != templateObject->byKey_.npos) {
-        templateObject->byKey_.eraseAt(filed);
+    if (filed != instances.byKey.npos) {
+        instances.byKey.eraseAt(filed);
     }
-    templateObject->instances_.erase(instance->self_);
+    instances.list.erase(*instance);
+    delete instance;
 }
 
 void object_access::destroyAll(datamodel_t* model) {

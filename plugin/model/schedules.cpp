@@ -15,13 +15,6 @@ std::optional<std::string> textParameter(const object_t* object, std::string_vie
     return variant_char(object_parameterValue(object, name));
 }
 
-object_t* schedulesTemplate(const object_t* typeInstance) {
-    bool match = false;
-    object_t* schedules =
-        object_getObject(const_cast<object_t*>(typeInstance), "Schedules", 0, &match);
-    return match ? schedules : nullptr;
-}
-
 schedule_parse_t refused(std::string reason) {
     return {nullptr, std::move(reason)};
 }
@@ -140,12 +133,23 @@ schedule_parse_t schedules_parse(const schedule_t& schedule, const type_record_t
     return {std::move(record), {}};
 }
 
+object_t* schedules_template(const object_t* typeInstance) {
+    bool match = false;
+    object_t* schedules =
+        object_getObject(const_cast<object_t*>(typeInstance), "Schedules", 0, &match);
+    return match ? schedules : nullptr;
+}
+
 object_t* schedules_find(object_t* typeInstance, std::string_view id) {
-    object_t* schedules = schedulesTemplate(typeInstance);
+    object_t* schedules = schedules_template(typeInstance);
     // A schedule's instance is keyed by its ID, so the key finds it without
     // walking every schedule of the type.
     object_t* instance = schedules != nullptr ? schedules->instance(id) : nullptr;
-    return instance != nullptr && textParameter(instance, "ID") == id ? instance : nullptr;
+    if (instance == nullptr) {
+        return nullptr;
+    }
+    const std::string* stored = variant_da_string(object_parameterValue(instance, "ID"));
+    return stored != nullptr && *stored == id ? instance : nullptr;
 }
 
 schedule_record_t* schedules_record(const object_t* instance) {
@@ -159,7 +163,7 @@ object_t* schedules_typeOf(const object_t* instance) {
 
 std::vector<object_t*> schedules_of(const object_t* typeInstance) {
     std::vector<object_t*> instances;
-    object_t* schedules = schedulesTemplate(typeInstance);
+    object_t* schedules = schedules_template(typeInstance);
     for (object_t* instance = schedules != nullptr ? object_firstInstance(schedules) : nullptr;
          instance != nullptr; instance = object_nextInstance(instance)) {
         instances.push_back(instance);
@@ -169,7 +173,7 @@ std::vector<object_t*> schedules_of(const object_t* typeInstance) {
 
 object_t* schedules_create(object_t* typeInstance, std::unique_ptr<schedule_record_t> record,
                            std::string_view base) {
-    object_t* schedules = schedulesTemplate(typeInstance);
+    object_t* schedules = schedules_template(typeInstance);
     if (schedules == nullptr) {
         tolvTrace(TRACE_LEVEL_WARNING, "Cannot fetch template");
         return nullptr;

@@ -65,9 +65,8 @@ void tellPresent(const service_t& service, object_t* instance, schedule_record_t
 // decide, goes into planned, and its client is told the state it holds now.
 // One search serves both. A temporary state runs on the schedule's entries,
 // and lasts until they next change the state.
-void recomputeOne(service_t& service, object_t* instance, time_t now,
+void recomputeOne(service_t& service, object_t* instance, schedule_record_t& record, time_t now,
                   std::vector<agenda_t<object_t*>::item_t>& planned) {
-    schedule_record_t& record = *schedules_record(instance);
     record.next = 0;
     std::string scheduled;
     if (record.enabled && record.override.empty()) {
@@ -89,9 +88,11 @@ void recompute(service_t& service, time_t now) {
     std::vector<agenda_t<object_t*>::item_t> planned;
     planned.reserve(service.agenda.size());
     for (object_t* type : types_all(service.scheduler)) {
-        for (object_t* instance : schedules_of(type)) {
-            recomputeOne(service, instance, now, planned);
-        }
+        // Telling a client a state only queues the call: no schedule comes
+        // or goes during the walk.
+        schedules_each(type, [&](object_t* instance, schedule_record_t& record) {
+            recomputeOne(service, instance, record, now, planned);
+        });
     }
     service.agenda.replace(std::move(planned));
 }

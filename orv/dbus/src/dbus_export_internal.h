@@ -33,9 +33,10 @@ void forEachVisibleChild(const object_t* object, Fn&& fn) {
     for (const auto& child : object->children()) {
         fn(child.get());
     }
-    for (const auto& instance : object->instances()) {
+    for (object_t* instance = object_firstInstance(object); instance != nullptr;
+         instance = object_nextInstance(instance)) {
         if (instance->isCommitted()) {
-            fn(instance.get());
+            fn(instance);
         }
     }
 }

@@ -52,9 +52,10 @@ std::string export_detail::objectPathOf(const object_t* object) {
 
 variant_map_t export_detail::committedParameters(const object_t* object) {
     variant_map_t parameters;
-    parameters.reserve(object->parameters().size());
-    for (const object_parameter_t& parameter : object->parameters()) {
-        parameters.push_back({parameter.definition->name, parameter.value});
+    const std::span<const variant_t> values = object->committedValues();
+    parameters.reserve(values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        parameters.push_back({object->definition()->parameters[i].name, values[i]});
     }
     return parameters;
 }

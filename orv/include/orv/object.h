@@ -16,14 +16,14 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
-#include <list>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "orv/flat_table.h"
+#include "orv/intrusive_list.h"
 #include "orv/variant.h"
 
 class object_t;
@@ -47,31 +47,23 @@ class object_observer_t {
     virtual void parametersChanged(object_t& object, const std::vector<std::string>& names) = 0;
 };
 
-struct object_parameter_t {
-    const struct parameter_definition_t* definition;
-    variant_t value;
-    std::unique_ptr<variant_t> pending;
-};
-
 class datamodel_t;
+struct object_instances_t;
 
-// An instance filed under the hash of its key in its template's index.
-struct object_key_slot_t {
-    std::uint64_t hash = 0;
-    object_t* instance = nullptr;
-};
-struct object_key_traits_t {
-    static bool empty(const object_key_slot_t& slot) { return slot.instance == nullptr; }
-    static std::uint64_t hash(const object_key_slot_t& slot) { return slot.hash; }
-};
-
+// An object is one allocation: its committed parameter values follow it in
+// the same block, in definition order. A model holds hundreds of thousands of
+// instances, so everything only templates need (their instances and the
+// index by key) lives apart, and an instance is linked into its template's
+// list through links of its own instead of a list node.
 class object_t {
   public:
-    enum class kind_t { plain, template_object, instance };
+    enum class kind_t : std::uint8_t { plain, template_object, instance };
 
     object_t(const object_t&) = delete;
     object_t& operator=(const object_t&) = delete;
     ~object_t();
+    // The block holds the parameter values as well: it goes back whole.
+    static void operator delete(void* block) { ::operator delete(block); }
 
     kind_t kind() const { return kind_; }
     const std::string& name() const { return name_; }
@@ -83,33 +75,36 @@ class object_t {
 
     // Children in definition order (not instances).
     const std::vector<std::unique_ptr<object_t>>& children() const { return children_; }
-    // Instances of a template, in creation order.
-    const std::list<std::unique_ptr<object_t>>& instances() const { return instances_; }
     object_t* child(std::string_view name) const;
+    // The template's instance with that key; null for other objects.
     object_t* instance(std::string_view key) const;
-    const std::vector<object_parameter_t>& parameters() const { return parameters_; }
-    object_parameter_t* parameter(std::string_view name);
+    // The committed values, in the order of the definition's parameters.
+    std::span<const variant_t> committedValues() const {
+        return {reinterpret_cast<const variant_t*>(this + 1), parameterCount_};
+    }
 
   private:
     friend class datamodel_t;
     friend struct object_access;
     object_t(datamodel_t* model, object_t* parent, const object_definition_t* definition,
              kind_t kind, std::string name);
+    variant_t* values() { return reinterpret_cast<variant_t*>(this + 1); }
 
     datamodel_t* datamodel_;
     object_t* parent_;
     const object_definition_t* definition_;
-    kind_t kind_;
     std::string name_;
+    std::uint32_t index_ = 0;
+    std::uint32_t parameterCount_ = 0;
+    kind_t kind_;
     bool committed_ = false;
     bool deleted_ = false;
-    std::uint32_t index_ = 0;
-    std::uint32_t nextIndex_ = 1;
     std::vector<std::unique_ptr<object_t>> children_;
-    std::list<std::unique_ptr<object_t>> instances_;
-    std::list<std::unique_ptr<object_t>>::iterator self_;
-    orv_flat_table_t<object_key_slot_t, object_key_traits_t> byKey_;
-    std::vector<object_parameter_t> parameters_;
+    orv_list_links_t<object_t> links_;
+    std::unique_ptr<object_instances_t> instances_;
+    // New values not yet committed, one slot per parameter; present only
+    // between a write and the commit or rollback that follows it.
+    std::unique_ptr<std::optional<variant_t>[]> pending_;
     std::unique_ptr<void, void (*)(void*)> userData_{nullptr, [](void*) {}};
     object_destroy_handler_t destroyHandler_ = nullptr;
 };
