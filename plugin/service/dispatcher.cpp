@@ -187,6 +187,16 @@ void dispatch_reassert(service_t& service, const std::vector<object_t*>& instanc
     }
 }
 
+void dispatch_unreachable(const std::vector<object_t*>& instances) {
+    for (object_t* instance : instances) {
+        schedule_record_t& record = *schedules_record(instance);
+        if (record.status.current != kUnsynchronized) {
+            record.status.current = kUnsynchronized;
+            schedules_publish(instance, record);
+        }
+    }
+}
+
 void orv_plugin_eventTimerHandler(orv_timer_t* /*timer*/, void* userdata) noexcept {
     service_guarded("orv_plugin_eventTimerHandler", 0, [&] {
         dispatch_run(*static_cast<service_t*>(userdata), false);
