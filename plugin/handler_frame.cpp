@@ -22,8 +22,9 @@ void traceMissing(const call_context_t& call, const char* name, const char* labe
                           call.line, "Named parameter %s has the wrong type", label);
         throw argument_refused_t{std::string("'") + label + "' has the wrong type"};
     }
-    tolvTrace_message(TRACE_LEVEL_NOTICE, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
-                      "Named parameter %s not found, using default value %s", label, fallback);
+    // An optional argument left out is an ordinary call.
+    tolvTrace_zoneMessage(TRACE_LEVEL_INFO, ME, call.function, __FILE__, call.line,
+                          "Named parameter %s not found, using default value %s", label, fallback);
 }
 
 }  // namespace
@@ -72,7 +73,7 @@ time_t readTime(const call_context_t& call, const char* name) {
 // The simulations answer with their lines; without a list, with none.
 void returnLines(variant_t* retval, std::optional<variant_list_t> lines) {
     variant_list_t list = lines ? std::move(*lines) : variant_list_t{};
-    tolvTrace(TRACE_LEVEL_NOTICE, "returning %d elements", static_cast<int>(list.size()));
+    tolvTraceZ(TRACE_LEVEL_INFO, ME, "returning %d elements", static_cast<int>(list.size()));
     variant_setListMove(retval, &list);
 }
 

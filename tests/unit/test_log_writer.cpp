@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -86,8 +87,11 @@ TEST(LogWriter, AStalledReaderCostsCountedLinesAndTheCountFollows) {
     writer->write(TRACE_LEVEL_NOTICE, "after");
     writer.reset();
     text += pipe.drain();
-    // One notice, with the whole count, once the log could be written again.
-    EXPECT_EQ(dropNotices(text), std::vector<std::uint64_t>{dropped});
+    // The count reaches the log once it can be written again: in one notice,
+    // or in two when the thread took its first line after drops began.
+    const std::vector<std::uint64_t> notices = dropNotices(text);
+    EXPECT_FALSE(notices.empty());
+    EXPECT_EQ(std::accumulate(notices.begin(), notices.end(), std::uint64_t{0}), dropped);
     EXPECT_TRUE(text.ends_with(line + "\nafter\n"));
     // Every line is either written whole or counted.
     const auto written =
@@ -109,7 +113,8 @@ TEST(LogWriter, AClosedReaderEndsNothing) {
 }
 
 TEST(LogWriter, ReopenFollowsARotatedFile) {
-    const std::string path = ::testing::TempDir() + "log_writer_rotated.log";
+    const std::string path =
+        ::testing::TempDir() + "log_writer_rotated." + std::to_string(getpid()) + ".log";
     std::remove(path.c_str());
     std::remove((path + ".1").c_str());
     auto writer = openWriter(path, 64 * 1024);
