@@ -60,12 +60,12 @@ std::optional<bool> readBool(const call_context_t& call, const char* name) {
     return value;
 }
 
-// A date-time argument as seconds since the epoch; 0 when absent.
-time_t readTime(const call_context_t& call, const char* name) {
+// A date-time argument as seconds since the epoch; nullopt when absent.
+std::optional<time_t> readTime(const call_context_t& call, const char* name) {
     std::optional<struct tm> value;
     if (!argument_getDateTime(&value, call.args, call.attributes, name, std::nullopt) || !value) {
         traceMissing(call, name, name, "NULL");
-        return 0;
+        return std::nullopt;
     }
     return mktime(&*value);
 }

@@ -14,6 +14,7 @@
 #include "outcome.h"
 #include "scheduler_plugin_common.h"
 #include "service.h"
+#include "simulation.h"
 
 using text_arg_t = std::optional<std::string>;
 
@@ -44,5 +45,5 @@ outcome_t overrideState(service_t& service, const text_arg_t& type, const text_a
 // The lines of a simulated run of one schedule; none without a type or an
 // ID. An unknown schedule is simulated all the same: the lines say so.
 outcome_t simulateSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
-                           time_t start, time_t stop, variant_list_t* lines);
-variant_list_t simulateSchedules(service_t& service, time_t start, time_t stop);
+                           time_t start, time_t stop, simulation_t* run);
+simulation_t simulateSchedules(service_t& service, time_t start, time_t stop);
