@@ -43,6 +43,15 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
     return readText(call, name, name);
 }
 
+std::optional<std::uint32_t> readCount(const call_context_t& call, const char* name) {
+    std::uint32_t value = 0;
+    if (!argument_getUInt32(&value, call.args, call.attributes, name, 0)) {
+        traceMissing(call, name, name, "none");
+        return std::nullopt;
+    }
+    return value;
+}
+
 std::optional<variant_list_t> readList(const call_context_t& call, const char* name) {
     std::optional<variant_list_t> value;
     if (!argument_getList(&value, call.args, call.attributes, name, std::nullopt)) {

@@ -45,6 +45,7 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
 std::optional<std::string> readText(const call_context_t& call, const char* name);
 std::optional<variant_list_t> readList(const call_context_t& call, const char* name);
 std::optional<bool> readBool(const call_context_t& call, const char* name);
+std::optional<std::uint32_t> readCount(const call_context_t& call, const char* name);
 // A date-time argument as seconds since the epoch; 0 when absent.
 std::optional<time_t> readTime(const call_context_t& call, const char* name);
 std::unique_ptr<schedule_t> readSchedule(const call_context_t& call);

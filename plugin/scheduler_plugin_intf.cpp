@@ -41,10 +41,11 @@ namespace {
 void comGetSchedules(const call_context_t& call, variant_t* retval, bool complete) {
     argument_value_list_t* args = call.args;
     std::optional<std::string> type = readText(call, "type");
+    const page_t page{readCount(call, "offset").value_or(0), readCount(call, "limit")};
     // A "scheduleInfo" the caller sent would shadow the answer.
     argument_valueDestroy(args, argument_valueByName(args, "scheduleInfo"));
     variant_list_t list;
-    const outcome_t outcome = getSchedules(*call.service, type, &list, complete);
+    const outcome_t outcome = getSchedules(*call.service, type, page, &list, complete);
     prependOut(args, "scheduleInfo", listVariant(&list));
     answer(args, retval, outcome);
 }
