@@ -140,7 +140,7 @@ void runHost(const setup_t& setup, const std::function<void(session_t&)>& action
     virtual_host_t host(options);
     FUZZ_REQUIRE(host.initialized());
     if (setup.verbose) {
-        tolvTraceSetSink([](std::string_view) {});
+        tolvTraceSetSink([](int, std::string_view) {});
     }
     for (const char* client : setup.clients) {
         host.addClient(client);

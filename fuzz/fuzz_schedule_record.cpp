@@ -135,7 +135,8 @@ void checkOrdering(const std::vector<schedule_entry_t>& all, const parsed_entrie
         if (i > 0) {
             const std::int32_t before = signedOffset(all[parsed.order[i - 1]].begin);
             const std::int32_t here = signedOffset(all[parsed.order[i]].begin);
-            FUZZ_REQUIRE(before < here || (before == here && parsed.order[i - 1] < parsed.order[i]));
+            FUZZ_REQUIRE(before < here ||
+                         (before == here && parsed.order[i - 1] < parsed.order[i]));
         }
     }
 }
@@ -282,7 +283,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     // Every trace is formatted, so that the trace paths run too, and dropped.
     tolvTraceSetLevel(TRACE_LEVEL_CALLSTACK);
     tolvTraceAddZone(TRACE_LEVEL_CALLSTACK, ME);
-    tolvTraceSetSink([](std::string_view) {});
+    tolvTraceSetSink([](int, std::string_view) {});
     return 0;
 }
 

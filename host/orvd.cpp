@@ -2,6 +2,8 @@
 // serves the model on D-Bus under org.orv.<root> for each root object, carries
 // the plug-ins' requests to other services and runs the event loop. SIGTERM
 // and SIGINT end it cleanly with exit 0; losing the bus ends it with exit 1.
+// SIGHUP reopens the log and rereads the trace levels, SIGUSR1 logs a status
+// line, and SIGUSR2 and SIGPIPE are ignored.
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +23,7 @@
 #include "orv/object.h"
 #include "orv/plugin.h"
 #include "orv/sd_loop.h"
+#include "orv/service_runtime.h"
 #include "orv/trace.h"
 
 namespace {
@@ -32,6 +35,7 @@ struct options_t {
     std::vector<std::string> definitions;
     std::string bus = "session";
     int traceLevel = 200;
+    orv_service_options_t service;
 };
 
 void complain(const std::string& text) {
@@ -64,8 +68,11 @@ class host_t {
     bool initializePlugins();
     bool ownNames();
     void shutdown();
+    // The plug-ins' own status lines, for SIGUSR1.
+    std::string status() const;
 
     std::unique_ptr<orv_sd_loop_t> loop_;
+    std::unique_ptr<orv_service_runtime_t> runtime_;
     std::unique_ptr<datamodel_t> model_;
     orv_bus_ptr bus_;
     orv_slot_ptr filter_;
@@ -183,9 +190,10 @@ bool host_t::start(const options_t& options) {
         return false;
     }
     orv_loop_setDefault(loop_.get());
-    auto stop = [this] { loop_->exit(0); };
-    if (!loop_->onSignal(SIGTERM, stop) || !loop_->onSignal(SIGINT, stop)) {
-        complain("cannot handle SIGTERM and SIGINT");
+    runtime_ = orv_service_runtime_t::start(
+        *loop_, options.service, [this] { loop_->exit(0); }, [this] { return status(); }, &error);
+    if (!runtime_) {
+        complain(error);
         return false;
     }
     std::vector<std::size_t> firsts;
@@ -200,6 +208,17 @@ int host_t::run() {
         return kFailed;
     }
     return r;
+}
+
+std::string host_t::status() const {
+    std::string text;
+    for (const hosted_t& hosted : hosted_) {
+        const std::string own = hosted.initialized ? hosted.plugin->status() : std::string();
+        if (!own.empty()) {
+            text += (text.empty() ? "" : "; ") + own;
+        }
+    }
+    return text;
 }
 
 // sd-bus reports the loss of the connection as a local signal.
@@ -236,6 +255,7 @@ void host_t::shutdown() {
     filter_.reset();
     bus_.reset();
     orv_loop_setDefault(nullptr);
+    runtime_.reset();
     loop_.reset();
 }
 
@@ -251,6 +271,7 @@ int parse(int argc, char** argv, options_t* options) {
     app.add_option("--trace-level", options->traceLevel,
                    "level of the trace messages outside a zone")
         ->capture_default_str();
+    orv_addServiceOptions(app, &options->service);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -22,8 +22,9 @@ void traceMissing(const call_context_t& call, const char* name, const char* labe
                           call.line, "Named parameter %s has the wrong type", label);
         throw argument_refused_t{std::string("'") + label + "' has the wrong type"};
     }
-    tolvTrace_message(TRACE_LEVEL_NOTICE, TOLV_TRACE_MODULE, call.function, __FILE__, call.line,
-                      "Named parameter %s not found, using default value %s", label, fallback);
+    // An optional argument left out is an ordinary call.
+    tolvTrace_zoneMessage(TRACE_LEVEL_INFO, ME, call.function, __FILE__, call.line,
+                          "Named parameter %s not found, using default value %s", label, fallback);
 }
 
 }  // namespace
@@ -40,6 +41,15 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
 
 std::optional<std::string> readText(const call_context_t& call, const char* name) {
     return readText(call, name, name);
+}
+
+std::optional<std::uint32_t> readCount(const call_context_t& call, const char* name) {
+    std::uint32_t value = 0;
+    if (!argument_getUInt32(&value, call.args, call.attributes, name, 0)) {
+        traceMissing(call, name, name, "none");
+        return std::nullopt;
+    }
+    return value;
 }
 
 std::optional<variant_list_t> readList(const call_context_t& call, const char* name) {
@@ -59,12 +69,12 @@ std::optional<bool> readBool(const call_context_t& call, const char* name) {
     return value;
 }
 
-// A date-time argument as seconds since the epoch; 0 when absent.
-time_t readTime(const call_context_t& call, const char* name) {
+// A date-time argument as seconds since the epoch; nullopt when absent.
+std::optional<time_t> readTime(const call_context_t& call, const char* name) {
     std::optional<struct tm> value;
     if (!argument_getDateTime(&value, call.args, call.attributes, name, std::nullopt) || !value) {
         traceMissing(call, name, name, "NULL");
-        return 0;
+        return std::nullopt;
     }
     return mktime(&*value);
 }
@@ -72,7 +82,7 @@ time_t readTime(const call_context_t& call, const char* name) {
 // The simulations answer with their lines; without a list, with none.
 void returnLines(variant_t* retval, std::optional<variant_list_t> lines) {
     variant_list_t list = lines ? std::move(*lines) : variant_list_t{};
-    tolvTrace(TRACE_LEVEL_NOTICE, "returning %d elements", static_cast<int>(list.size()));
+    tolvTraceZ(TRACE_LEVEL_INFO, ME, "returning %d elements", static_cast<int>(list.size()));
     variant_setListMove(retval, &list);
 }
 

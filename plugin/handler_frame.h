@@ -12,8 +12,8 @@
 #include "orv/function.h"
 #include "orv/trace.h"
 #include "orv/variant.h"
-#include "scheduler_plugin_common.h"
 #include "outcome.h"
+#include "scheduler_plugin_common.h"
 #include "service.h"
 
 // What every handler takes from the call: the target object, the calling
@@ -45,8 +45,9 @@ std::optional<std::string> readText(const call_context_t& call, const char* name
 std::optional<std::string> readText(const call_context_t& call, const char* name);
 std::optional<variant_list_t> readList(const call_context_t& call, const char* name);
 std::optional<bool> readBool(const call_context_t& call, const char* name);
+std::optional<std::uint32_t> readCount(const call_context_t& call, const char* name);
 // A date-time argument as seconds since the epoch; 0 when absent.
-time_t readTime(const call_context_t& call, const char* name);
+std::optional<time_t> readTime(const call_context_t& call, const char* name);
 std::unique_ptr<schedule_t> readSchedule(const call_context_t& call);
 // The simulations answer with their lines; without a list, with none.
 void returnLines(variant_t* retval, std::optional<variant_list_t> lines);

@@ -7,7 +7,9 @@
 #include "dispatcher.h"
 #include "orv/trace.h"
 #include "scheduler_plugin_common.h"
+#include "schedules.h"
 #include "time_watch.h"
+#include "types.h"
 
 namespace {
 
@@ -68,6 +70,21 @@ bool initialize(orv_context_t* context) {
     return running != nullptr;
 }
 
+// Counts for the host's status line: how much the service holds and when
+// it next acts.
+std::string status(const service_t& service) {
+    std::size_t schedules = 0;
+    const std::vector<object_t*> types = types_all(service.scheduler);
+    for (const object_t* type : types) {
+        schedules += schedules_of(type).size();
+    }
+    const auto* head = service.agenda.head();
+    return "types " + std::to_string(types.size()) + ", schedules " + std::to_string(schedules) +
+           ", planned changes " + std::to_string(service.agenda.size()) + ", next change " +
+           (head != nullptr ? orv_isoTime(head->change.time) : std::string("none")) +
+           (service.synchronized ? "" : ", waiting for the clock");
+}
+
 void cleanup() {
     tolvTraceZ(TRACE_LEVEL_INFO, ME, "Cleaning up scheduler_plugin plugin");
     running.reset();
@@ -81,6 +98,16 @@ service_t* scheduler_service() {
 
 bool orv_plugin_initialize(orv_context_t* context) noexcept {
     return service_guarded("orv_plugin_initialize", false, [&] { return initialize(context); });
+}
+
+bool orv_plugin_status(std::string* out) noexcept {
+    return service_guarded("orv_plugin_status", false, [&] {
+        if (!running || out == nullptr) {
+            return false;
+        }
+        *out = status(*running);
+        return true;
+    });
 }
 
 void orv_plugin_cleanup() noexcept {

@@ -10,6 +10,7 @@
 
 ORV_PLUGIN_EXPORT bool orv_plugin_initialize(orv_context_t* context) noexcept;
 ORV_PLUGIN_EXPORT void orv_plugin_cleanup() noexcept;
+ORV_PLUGIN_EXPORT bool orv_plugin_status(std::string* out) noexcept;
 
 // The service of the loaded plug-in; null before initialisation and after
 // clean-up.

@@ -41,10 +41,11 @@ namespace {
 void comGetSchedules(const call_context_t& call, variant_t* retval, bool complete) {
     argument_value_list_t* args = call.args;
     std::optional<std::string> type = readText(call, "type");
+    const page_t page{readCount(call, "offset").value_or(0), readCount(call, "limit")};
     // A "scheduleInfo" the caller sent would shadow the answer.
     argument_valueDestroy(args, argument_valueByName(args, "scheduleInfo"));
     variant_list_t list;
-    const outcome_t outcome = getSchedules(*call.service, type, &list, complete);
+    const outcome_t outcome = getSchedules(*call.service, type, page, &list, complete);
     prependOut(args, "scheduleInfo", listVariant(&list));
     answer(args, retval, outcome);
 }
@@ -165,20 +166,31 @@ namespace {
 // any client may ask for one: a span longer than five years is refused.
 constexpr std::int64_t kMaxSimulatedSeconds = 5LL * 366 * 86400;
 
-// The span of a simulation; false, with the refusal answered, when it is too
-// long.
-bool readSpan(const call_context_t& call, variant_t* retval, time_t* start, time_t* stop) {
-    *start = readTime(call, "start");
-    *stop = readTime(call, "stop");
-    if (static_cast<std::int64_t>(*stop) - static_cast<std::int64_t>(*start) <=
-        kMaxSimulatedSeconds) {
-        return true;
+// The span of a simulation, or the reason it is refused: both ends are
+// needed (a run from 1970 helps nobody), and five years at most.
+std::optional<std::string> readSpan(const call_context_t& call, time_t* start, time_t* stop) {
+    const std::optional<time_t> from = readTime(call, "start");
+    const std::optional<time_t> to = readTime(call, "stop");
+    if (!from || !to) {
+        return outcome_missing(from ? "stop" : "start");
     }
-    const outcome_t refused =
-        outcome_t::refused(call.function, "a simulation covers at most five years");
-    returnLines(retval, std::nullopt);
-    prependOut(call.args, "error", variant_t(refused.reason()));
-    return false;
+    *start = *from;
+    *stop = *to;
+    if (static_cast<std::int64_t>(*stop) - static_cast<std::int64_t>(*start) >
+        kMaxSimulatedSeconds) {
+        return "a simulation covers at most five years";
+    }
+    return std::nullopt;
+}
+
+// The lines of a run, whether it was cut, and the reason of a refusal.
+void answerRun(const call_context_t& call, variant_t* retval, simulation_t run,
+               const outcome_t& outcome) {
+    returnLines(retval, std::move(run.lines));
+    if (!outcome.ok()) {
+        prependOut(call.args, "error", variant_t(outcome.reason()));
+    }
+    prependOut(call.args, "truncated", variant_t(run.truncated));
 }
 
 }  // namespace
@@ -190,15 +202,13 @@ int __simulateSchedule(function_call_t* fcall, argument_value_list_t* args,
         std::optional<std::string> id = readText(call, "ID");
         time_t start = 0;
         time_t stop = 0;
-        if (!readSpan(call, retval, &start, &stop)) {
+        if (std::optional<std::string> refused = readSpan(call, &start, &stop)) {
+            answerRun(call, retval, {}, outcome_t::refused(call.function, *refused));
             return;
         }
-        variant_list_t lines;
-        const outcome_t outcome = simulateSchedule(*call.service, type, id, start, stop, &lines);
-        returnLines(retval, std::move(lines));
-        if (!outcome.ok()) {
-            prependOut(args, "error", variant_t(outcome.reason()));
-        }
+        simulation_t run;
+        const outcome_t outcome = simulateSchedule(*call.service, type, id, start, stop, &run);
+        answerRun(call, retval, std::move(run), outcome);
     });
 }
 
@@ -207,8 +217,10 @@ int __simulateSchedules(function_call_t* fcall, argument_value_list_t* args,
     return serve(__func__, __LINE__, fcall, args, retval, [&](const call_context_t& call) {
         time_t start = 0;
         time_t stop = 0;
-        if (readSpan(call, retval, &start, &stop)) {
-            returnLines(retval, simulateSchedules(*call.service, start, stop));
+        if (std::optional<std::string> refused = readSpan(call, &start, &stop)) {
+            answerRun(call, retval, {}, outcome_t::refused(call.function, *refused));
+            return;
         }
+        answerRun(call, retval, simulateSchedules(*call.service, start, stop), outcome_t::done());
     });
 }

@@ -23,6 +23,8 @@
 #include <vector>
 
 #include "orv/sd_loop.h"
+#include "orv/service_runtime.h"
+#include "orv/trace.h"
 #include "owner_exec.h"
 #include "scheduler/client.h"
 
@@ -39,9 +41,18 @@ struct settings_t {
     std::string store;
     double timeout = 30;
     std::vector<std::string> command;
+    orv_service_options_t service;
 };
 
+// Where the log goes once the owner runs: a writer that never blocks the
+// loop. Before that, and after, straight to standard error.
+orv_service_runtime_t* runningLog = nullptr;
+
 void log(const std::string& line) {
+    if (runningLog != nullptr) {
+        runningLog->write(TRACE_LEVEL_NOTICE, "orv-owner: " + line);
+        return;
+    }
     std::fprintf(stderr, "orv-owner: %s\n", line.c_str());
     std::fflush(stderr);
 }
@@ -102,6 +113,7 @@ std::optional<settings_t> parse(int argc, char** argv, int* code) {
     app.add_option("--states", settings.states, "the states, e.g. on,off")->delimiter(',');
     app.add_option("--store", settings.store, "the store file");
     app.add_option("--timeout", settings.timeout, "seconds a command may run (30)");
+    orv_addServiceOptions(app, &settings.service);
     // From a config file only: on the command line everything after --exec
     // is taken before CLI11 reads the rest.
     app.add_option("--exec", settings.command, "the program and its arguments");
@@ -127,6 +139,13 @@ class owner_t {
   public:
     owner_t(const settings_t& settings, std::unique_ptr<orv_sd_loop_t> loop)
         : settings_(settings), loop_(std::move(loop)) {}
+    ~owner_t() {
+        client_.reset();
+        exec_.reset();
+        runningLog = nullptr;
+    }
+    owner_t(const owner_t&) = delete;
+    owner_t& operator=(const owner_t&) = delete;
 
     // The exit code.
     int run();
@@ -134,9 +153,12 @@ class owner_t {
   private:
     void onState(const std::string& id, const std::string& state);
     bool handleSignals();
+    std::string status() const;
 
     const settings_t& settings_;
     std::unique_ptr<orv_sd_loop_t> loop_;
+    // Declared before what logs through it, so that it goes last.
+    std::unique_ptr<orv_service_runtime_t> runtime_;
     std::unique_ptr<owner_exec_t> exec_;
     std::unique_ptr<scheduler::client_t> client_;
 };
@@ -152,22 +174,31 @@ void owner_t::onState(const std::string& id, const std::string& state) {
     exec_->run(id, state);
 }
 
+std::string owner_t::status() const {
+    const owner_exec_t::counts_t counts = exec_ ? exec_->counts() : owner_exec_t::counts_t{};
+    return std::string(client_ && client_->registered() ? "registered"
+                                                        : "waiting for the scheduler") +
+           "; commands run " + std::to_string(counts.run) + ", failed " +
+           std::to_string(counts.failed) + ", waiting " + std::to_string(counts.queued);
+}
+
 bool owner_t::handleSignals() {
-    auto stop = [this] { loop_->exit(0); };
-    auto status = [this] {
-        const owner_exec_t::counts_t counts = exec_->counts();
-        log(std::string(client_->registered() ? "registered" : "waiting for the scheduler") +
-            "; commands run " + std::to_string(counts.run) + ", failed " +
-            std::to_string(counts.failed) + ", waiting " + std::to_string(counts.queued));
-    };
     // Children are reaped by the loop, which needs SIGCHLD blocked.
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
-    signal(SIGPIPE, SIG_IGN);
-    return pthread_sigmask(SIG_BLOCK, &child, nullptr) == 0 && loop_->onSignal(SIGTERM, stop) &&
-           loop_->onSignal(SIGINT, stop) && loop_->onSignal(SIGHUP, status) &&
-           loop_->onSignal(SIGUSR1, status) && loop_->onSignal(SIGUSR2, [] {});
+    if (pthread_sigmask(SIG_BLOCK, &child, nullptr) != 0) {
+        return false;
+    }
+    std::string error;
+    runtime_ = orv_service_runtime_t::start(
+        *loop_, settings_.service, [this] { loop_->exit(0); }, [this] { return status(); }, &error);
+    if (!runtime_) {
+        log(error);
+        return false;
+    }
+    runningLog = runtime_.get();
+    return true;
 }
 
 int owner_t::run() {

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "orv/sd_loop.h"
+#include "orv/service_runtime.h"
 #include "time_service.h"
 #include "tool_bus.h"
 
@@ -21,6 +22,7 @@ namespace {
 struct options_t {
     std::string bus = "session";
     std::string status = "auto";
+    orv_service_options_t service;
 };
 
 // 0 to go on, or the exit code.
@@ -31,6 +33,7 @@ int parseOptions(int argc, char** argv, options_t* options) {
     app.add_option("--status", options->status, "auto, or a forced status")
         ->check(CLI::IsMember({"auto", kSynchronized, kUnsynchronized}))
         ->capture_default_str();
+    orv_addServiceOptions(app, &options->service);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -58,7 +61,7 @@ int serve(const options_t& options) {
         forced = options.status;
     }
     time_service_t service(loop.get(), std::move(bus), forced);
-    const int code = service.start();
+    const int code = service.start(options.service);
     if (code != 0) {
         return code;
     }

@@ -15,6 +15,7 @@
 
 #include "orv/dbus_value.h"
 #include "orv/protocol.h"
+#include "orv/trace.h"
 #include "orv/variant.h"
 
 namespace {
@@ -85,7 +86,7 @@ int time_service_t::replySetStatus(sd_bus_message* m) {
 // sd-bus delivers the loss of the connection as a local signal.
 int time_service_t::onBusMessage(sd_bus_message* m, void* userdata, sd_bus_error*) {
     if (sd_bus_message_is_signal(m, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
-        std::fprintf(stderr, "orv-time: lost the connection to the bus\n");
+        tolvTrace(TRACE_LEVEL_ERROR, "lost the connection to the bus");
         static_cast<time_service_t*>(userdata)->loop_->exit(1);
     }
     return 0;
@@ -114,13 +115,15 @@ int time_service_t::onInotifyFd(sd_event_source*, int fd, uint32_t, void* userda
     return 0;
 }
 
-int time_service_t::start() {
+int time_service_t::start(const orv_service_options_t& options) {
     // Before the name is owned, so that a SIGTERM never kills the service
     // without releasing it.
-    const bool signals =
-        loop_->onSignal(SIGTERM, [this] { stop(); }) && loop_->onSignal(SIGINT, [this] { stop(); });
-    if (!signals) {
-        std::fprintf(stderr, "orv-time: cannot handle SIGTERM and SIGINT\n");
+    std::string error;
+    runtime_ = orv_service_runtime_t::start(
+        *loop_, options, [this] { stop(); },
+        [this] { return "status " + status_ + (forced_ ? " (forced)" : ""); }, &error);
+    if (!runtime_) {
+        std::fprintf(stderr, "orv-time: %s\n", error.c_str());
         return 1;
     }
     if (setupBus() != 0) {
@@ -221,8 +224,7 @@ void time_service_t::notify(std::uint32_t type) {
     const int r = sd_bus_emit_signal(bus_.get(), kObjectPath, orv_dbus_interface, "Notification",
                                      "ua{sv}", type, 0);
     if (r < 0) {
-        std::fprintf(stderr, "orv-time: cannot send notification %u: %s\n", type,
-                     std::strerror(-r));
+        tolvTrace(TRACE_LEVEL_ERROR, "cannot send notification %u: %s", type, std::strerror(-r));
     }
 }
 

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "orv/sd_loop.h"
+#include "orv/service_runtime.h"
 #include "time_sources.h"
 #include "tool_bus.h"
 
@@ -34,7 +35,7 @@ class time_service_t {
     time_service_t& operator=(const time_service_t&) = delete;
 
     // 0, or exit code 1 after a message on stderr.
-    int start();
+    int start(const orv_service_options_t& options);
 
   private:
     static const sd_bus_vtable kVtable[];
@@ -59,6 +60,7 @@ class time_service_t {
     int replySetStatus(sd_bus_message* m);
 
     orv_sd_loop_t* loop_;
+    std::unique_ptr<orv_service_runtime_t> runtime_;
     // Declared before the slots and sources, so that those go first.
     bus_ptr bus_;
     bool forced_;

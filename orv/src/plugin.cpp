@@ -38,7 +38,11 @@ std::unique_ptr<orv_plugin_t> orv_plugin_t::load(const std::string& path, std::s
 
 orv_plugin_t::orv_plugin_t(void* handle, std::string path, orv_plugin_initialize_t initialize,
                            orv_plugin_cleanup_t cleanup)
-    : handle_(handle), path_(std::move(path)), initialize_(initialize), cleanup_(cleanup) {}
+    : handle_(handle),
+      path_(std::move(path)),
+      initialize_(initialize),
+      cleanup_(cleanup),
+      status_(symbol<orv_plugin_status_t>(handle, "orv_plugin_status")) {}
 
 orv_plugin_t::~orv_plugin_t() {
     dlclose(handle_);
@@ -50,6 +54,14 @@ bool orv_plugin_t::initialize(orv_context_t* context) const {
 
 void orv_plugin_t::cleanup() const {
     cleanup_();
+}
+
+std::string orv_plugin_t::status() const {
+    std::string text;
+    if (status_ == nullptr || !status_(&text)) {
+        text.clear();
+    }
+    return text;
 }
 
 function_handler_t orv_plugin_t::handler(const std::string& name) const {

@@ -25,6 +25,12 @@ reply_item_t reply_item_t::object(remote_object_t object) {
     return item;
 }
 
+reply_item_t reply_item_t::gone(std::string root) {
+    reply_item_t item(reply_type_object_gone);
+    item.object_ = remote_object_t{std::move(root), {}};
+    return item;
+}
+
 reply_item_t reply_item_t::notification(notification_t notification) {
     reply_item_t item(reply_type_notification);
     item.notification_ = std::move(notification);

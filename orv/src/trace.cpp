@@ -93,7 +93,7 @@ bool zonePasses(const char* zone, int level) {
     return it != s.zones.end() && level <= it->second;
 }
 
-void emit(const std::string& line) {
+void emit(int level, const std::string& line) {
     tolv_trace_sink_t sink;
     {
         trace_state_t& s = state();
@@ -101,7 +101,7 @@ void emit(const std::string& line) {
         sink = s.sink;
     }
     if (sink) {
-        sink(line);
+        sink(level, line);
         return;
     }
     std::string withNewline = line;
@@ -120,7 +120,7 @@ void messageLine(int level, const char* zoneText, const char* function, const ch
         appendV(&text, format, args);
     }
     append(&text, "%s - %s(%s@%s:%d)%s", "", "", orEmpty(function), baseName(file), line, "");
-    emit(text);
+    emit(level, text);
 }
 
 }  // namespace
@@ -205,5 +205,5 @@ void tolvTrace_marker(bool enter, const char* zone, const char* function, const 
         append(&text, "%s%-7.7s%s - <<<<<<<<<<%s - %s(%s@%s:%d)%s", "", zone, "", "", "",
                orEmpty(function), baseName(file), line, "");
     }
-    emit(text);
+    emit(TRACE_LEVEL_CALLSTACK, text);
 }

@@ -27,8 +27,9 @@ std::unique_ptr<request_t> buildSetStateRequest(const std::string& path, const s
 bool setState(const service_t& service, const std::string& path, const std::string& id,
               const std::string& state) {
     if (!service.synchronized) {
-        tolvTrace(TRACE_LEVEL_NOTICE, "NTP was not synced, not calling setstate for %s [%s]",
-                  id.c_str(), state.c_str());
+        // Normal before the first synchronisation: the state is sent then.
+        tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "The clock is not synchronised: holding %s [%s]",
+                   id.c_str(), state.c_str());
         return false;
     }
     tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "setState called for [%s] with ID:[%s] and value:[%s]",

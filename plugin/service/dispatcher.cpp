@@ -1,5 +1,6 @@
 #include "dispatcher.h"
 
+#include <chrono>
 #include <limits>
 
 #include "client_calls.h"
@@ -170,8 +171,14 @@ void dispatch_run(service_t& service, bool recomputeFirst) {
     }
     const time_t now = service_secondOf(nowUs);
     if (recomputeFirst) {
-        tolvTraceZ(TRACE_LEVEL_INFO, ME, "recalculate peeklist");
+        // One line per recompute, whatever the number of schedules: it is
+        // what an operator wants to know of a clock or zone change.
+        const auto start = std::chrono::steady_clock::now();
         recompute(service, now);
+        const std::chrono::duration<double, std::milli> took =
+            std::chrono::steady_clock::now() - start;
+        tolvTrace(TRACE_LEVEL_NOTICE, "recomputed %zu planned changes at %s in %.1f ms",
+                  service.agenda.size(), orv_isoTime(now).c_str(), took.count());
     }
     live_applier_t applier(service);
     dispatch_due(service.agenda, now, applier);
@@ -185,6 +192,16 @@ void dispatch_reassert(service_t& service, const std::vector<object_t*>& instanc
         // in another.
         record.status.current.reset();
         tellPresent(service, instance, record, schedule_stateAt(record.spec, now));
+    }
+}
+
+void dispatch_unreachable(const std::vector<object_t*>& instances) {
+    for (object_t* instance : instances) {
+        schedule_record_t& record = *schedules_record(instance);
+        if (record.status.current != kUnsynchronized) {
+            record.status.current = kUnsynchronized;
+            schedules_publish(instance, record);
+        }
     }
 }
 

@@ -48,5 +48,9 @@ void dispatch_run(service_t& service, bool recompute);
 // Tells each schedule the state it holds now, once, and publishes it.
 void dispatch_reassert(service_t& service, const std::vector<object_t*>& instances, time_t now);
 
+// The schedules' client left the bus: each reads "Unsynchronized" until its
+// state is told again, when the client is back.
+void dispatch_unreachable(const std::vector<object_t*>& instances);
+
 // Expiry handler of the event timer; its user data is the service.
 void orv_plugin_eventTimerHandler(orv_timer_t* timer, void* userdata) noexcept;

@@ -5,6 +5,8 @@
 // another.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -14,6 +16,17 @@
 #include "outcome.h"
 #include "scheduler_plugin_common.h"
 #include "service.h"
+#include "simulation.h"
+
+// A part of a long list: from offset, at most limit items (all without one).
+struct page_t {
+    std::uint32_t offset = 0;
+    std::optional<std::uint32_t> limit;
+};
+
+// What a reply may carry, well below what the bus takes in one message
+// (32 MiB on the usual system bus).
+inline constexpr std::size_t kReplyBytesMax = 8 * 1024 * 1024;
 
 using text_arg_t = std::optional<std::string>;
 
@@ -28,8 +41,10 @@ outcome_t addSchedule(service_t& service, const text_arg_t& type, const schedule
 // Without IDs every schedule of the type goes.
 outcome_t removeSchedules(service_t& service, const text_arg_t& type,
                           const std::optional<variant_list_t>& ids);
-outcome_t getSchedules(service_t& service, const text_arg_t& type, variant_list_t* list,
-                       bool complete);
+// A page of the type's schedules, in the order they were added; refused,
+// with the reason, when it would not fit in one reply.
+outcome_t getSchedules(service_t& service, const text_arg_t& type, const page_t& page,
+                       variant_list_t* list, bool complete);
 outcome_t getSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
                       schedule_t* out);
 
@@ -44,5 +59,5 @@ outcome_t overrideState(service_t& service, const text_arg_t& type, const text_a
 // The lines of a simulated run of one schedule; none without a type or an
 // ID. An unknown schedule is simulated all the same: the lines say so.
 outcome_t simulateSchedule(service_t& service, const text_arg_t& type, const text_arg_t& id,
-                           time_t start, time_t stop, variant_list_t* lines);
-variant_list_t simulateSchedules(service_t& service, time_t start, time_t stop);
+                           time_t start, time_t stop, simulation_t* run);
+simulation_t simulateSchedules(service_t& service, time_t start, time_t stop);

@@ -151,16 +151,55 @@ outcome_t removeSchedules(service_t& service, const text_arg_t& type,
     return outcome_t::done();
 }
 
-outcome_t getSchedules(service_t& service, const text_arg_t& type, variant_list_t* list,
-                       bool complete) {
+namespace {
+
+// About what a value takes on the bus: its text, and room for its type,
+// alignment and the key that names it.
+std::size_t wireBytes(const variant_t& value) {
+    constexpr std::size_t kOverhead = 32;
+    if (const variant_map_t* map = variant_da_map(&value)) {
+        std::size_t bytes = kOverhead;
+        for (const variant_map_entry_t& entry : *map) {
+            bytes += entry.key.size() + wireBytes(entry.value);
+        }
+        return bytes;
+    }
+    if (const variant_list_t* list = variant_da_list(&value)) {
+        std::size_t bytes = kOverhead;
+        for (const variant_t& item : *list) {
+            bytes += wireBytes(item);
+        }
+        return bytes;
+    }
+    const std::optional<std::string> text = variant_char(&value);
+    return kOverhead + (text ? text->size() : 0);
+}
+
+}  // namespace
+
+outcome_t getSchedules(service_t& service, const text_arg_t& type, const page_t& page,
+                       variant_list_t* list, bool complete) {
     std::string reason;
     object_t* typeInstance = operations_typeArgument(service, type, &reason);
     if (typeInstance == nullptr) {
         return outcome_t::refused(__func__, std::move(reason));
     }
-    for (const object_t* instance : schedules_of(typeInstance)) {
-        const schedule_t record = schedules_read(instance, complete);
+    const std::vector<object_t*> all = schedules_of(typeInstance);
+    const std::size_t first = std::min<std::size_t>(page.offset, all.size());
+    const std::size_t count = std::min<std::size_t>(all.size() - first, page.limit.value_or(~0U));
+    std::size_t bytes = 0;
+    for (std::size_t i = first; i < first + count; ++i) {
+        const schedule_t record = schedules_read(all[i], complete);
         std::optional<variant_t> map = schedule_t2variant(&record);
+        bytes += map ? wireBytes(*map) : 0;
+        if (bytes > kReplyBytesMax) {
+            list->clear();
+            return outcome_t::refused(
+                __func__, "the answer would not fit in one message: ask for parts of the " +
+                              std::to_string(all.size()) +
+                              " schedules with 'offset' and 'limit', " + std::to_string(i - first) +
+                              " at most");
+        }
         variant_list_add(list, map ? &*map : nullptr);
     }
     return outcome_t::done();

@@ -35,12 +35,19 @@ std::string timeLine(time_t time, const char* what, const std::string& state) {
 // the copy of the schedule's state follows it.
 class recording_applier_t final : public applier_t {
   public:
-    explicit recording_applier_t(variant_list_t& lines) : lines_(lines) {}
+    recording_applier_t(variant_list_t& lines, std::size_t limit) : lines_(lines), left_(limit) {}
 
     const schedule_spec_t& spec(object_t* owner) override { return schedules_record(owner)->spec; }
     schedule_status_t& status(object_t* owner) override { return states_[owner]; }
 
     void apply(object_t* owner, const change_t& change) override {
+        if (left_ == 0) {
+            // Past the limit nothing more is written; the run stops after
+            // this second.
+            cutAt_ = cutAt_.value_or(change.time);
+            return;
+        }
+        --left_;
         const std::string& id = schedules_record(owner)->id;
         schedule_status_t& shown = states_[owner];
         variant_list_addString(
@@ -55,6 +62,10 @@ class recording_applier_t final : public applier_t {
 
     void planned(object_t* /*owner*/, const std::optional<change_t>& /*next*/) override {}
 
+    // The time of the first change that was not listed, once the limit was
+    // reached.
+    std::optional<time_t> cutAt() const { return cutAt_; }
+
     // Starts the copy of a schedule's state.
     schedule_status_t& copy(object_t* owner, const schedule_status_t& live) {
         return states_[owner] = live;
@@ -62,6 +73,8 @@ class recording_applier_t final : public applier_t {
 
   private:
     variant_list_t& lines_;
+    std::size_t left_;
+    std::optional<time_t> cutAt_;
     std::unordered_map<object_t*, schedule_status_t> states_;
 };
 
@@ -82,31 +95,46 @@ void plan(const service_t& service, time_t start, agenda_t<object_t*>& agenda,
     agenda.replace(std::move(planned));
 }
 
+// The last line of a run cut at the limit, and the flag that says so.
+void truncate(simulation_t& run, std::size_t limit, time_t reached) {
+    variant_list_addString(
+        &run.lines, string_format("Simulation truncated after %zu changes at %ld (%s)", limit,
+                                  static_cast<long>(reached), ctimeText(reached).c_str()));
+    run.truncated = true;
+}
+
 }  // namespace
 
-variant_list_t simulation_schedule(const object_t* instance, time_t start, time_t stop) {
-    variant_list_t lines;
+simulation_t simulation_schedule(const object_t* instance, time_t start, time_t stop,
+                                 std::size_t limit) {
+    simulation_t run;
+    variant_list_t& lines = run.lines;
     variant_list_addString(&lines, "Simulation starts");
     const schedule_record_t* record = instance ? schedules_record(instance) : nullptr;
     if (record == nullptr) {
         variant_list_addString(&lines, "could not get the default value, stopping");
-        return lines;
+        return run;
     }
     variant_list_addString(
         &lines, timeLine(start, "starttime with state", schedule_stateAt(record->spec, start)));
     const std::string* held = schedule_heldState(record->status);
+    std::size_t listed = 0;
     for (time_t t = start;;) {
         std::optional<change_t> next = schedule_nextChangeHeld(record->spec, t, held);
         if (!next) {
             variant_list_addString(&lines, "No entries in schedule, stopping");
-            return lines;
+            return run;
+        }
+        if (listed++ == limit) {
+            truncate(run, limit, next->time);
+            return run;
         }
         variant_list_addString(
             &lines,
             timeLine(next->time, next->isEvent ? "send event" : "switch state to", next->state));
         if (next->time > stop) {
             variant_list_addString(&lines, "Simulation ends");
-            return lines;
+            return run;
         }
         // The first change listed ends a temporary state; the rest of the
         // run follows the schedule alone.
@@ -115,20 +143,25 @@ variant_list_t simulation_schedule(const object_t* instance, time_t start, time_
     }
 }
 
-variant_list_t simulation_all(const service_t& service, time_t start, time_t stop) {
-    variant_list_t lines;
-    recording_applier_t applier(lines);
+simulation_t simulation_all(const service_t& service, time_t start, time_t stop,
+                            std::size_t limit) {
+    simulation_t run;
+    recording_applier_t applier(run.lines, limit);
     agenda_t<object_t*> agenda;
     plan(service, start, agenda, applier);
-    variant_list_addString(&lines, "Simulation starts");
+    variant_list_addString(&run.lines, "Simulation starts");
     for (time_t simulated = start;;) {
         dispatch_due(agenda, simulated, applier);
+        if (std::optional<time_t> cut = applier.cutAt()) {
+            truncate(run, limit, *cut);
+            return run;
+        }
         const agenda_t<object_t*>::item_t* head = agenda.head();
         if (head == nullptr || head->change.time > stop || head->change.time <= simulated) {
             break;
         }
         simulated = head->change.time;
     }
-    variant_list_addString(&lines, "Simulation ends");
-    return lines;
+    variant_list_addString(&run.lines, "Simulation ends");
+    return run;
 }

@@ -43,6 +43,26 @@ void timeFound(service_t& service) {
     }
 }
 
+// The types whose client object lies below the root name.
+std::vector<object_t*> typesServedBy(const service_t& service, const std::string& name) {
+    std::vector<object_t*> served;
+    for (const std::string& type : types_names(service.scheduler)) {
+        object_t* typeInstance = types_find(service.scheduler, type);
+        const type_record_t* record = typeInstance ? types_record(typeInstance) : nullptr;
+        if (record != nullptr && record->path.substr(0, record->path.find('.')) == name) {
+            served.push_back(typeInstance);
+        }
+    }
+    return served;
+}
+
+// A client service left the bus: what its schedules show is no longer known.
+void rootGone(const service_t& service, const std::string& name) {
+    for (object_t* typeInstance : typesServedBy(service, name)) {
+        dispatch_unreachable(schedules_of(typeInstance));
+    }
+}
+
 // A root object on the bus: "Time" starts the watch of the clock, once; any
 // other is a client service that (re)appeared and is told its states.
 void rootAppeared(service_t& service, const std::string& name) {
@@ -59,14 +79,9 @@ void rootAppeared(service_t& service, const std::string& name) {
     if (!service.synchronized) {
         return;
     }
-    for (const std::string& type : types_names(service.scheduler)) {
-        object_t* typeInstance = types_find(service.scheduler, type);
-        const type_record_t* record = typeInstance ? types_record(typeInstance) : nullptr;
-        if (record != nullptr && record->path.substr(0, record->path.find('.')) == name) {
-            tolvTraceZ(TRACE_LEVEL_APP_INFO, ME,
-                       "The client of type %s is back: telling it its states", type.c_str());
-            dispatch_reassert(service, schedules_of(typeInstance), service_now());
-        }
+    for (object_t* typeInstance : typesServedBy(service, name)) {
+        tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "The client of a type is back: telling it its states");
+        dispatch_reassert(service, schedules_of(typeInstance), service_now());
     }
 }
 
@@ -119,6 +134,10 @@ void objectLoaded(request_t* request) {
         if (reply_item_type(item) == reply_type_error) {
             tolvTrace(TRACE_LEVEL_NOTICE, "unable to wait for object: %s (%s)",
                       reply_item_errorDescription(item), reply_item_errorInfo(item));
+        } else if (reply_item_type(item) == reply_type_object_gone) {
+            if (std::optional<std::string> name = object_name(reply_item_object(item), 1)) {
+                rootGone(serviceOf(request), *name);
+            }
         } else if (reply_item_type(item) == reply_type_object) {
             std::optional<std::string> name = object_name(reply_item_object(item), 1);
             if (!name) {

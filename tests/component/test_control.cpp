@@ -19,7 +19,7 @@ constexpr const char* kEvening =
     R"("schedule":[{"state":"on","begin":64800,"end":82800}]})";
 constexpr std::int64_t kTue2300 = 1700002800;
 constexpr std::int64_t kWed1900 = 1700074800;
-constexpr const char* kRecalculated = "recalculate peeklist";
+constexpr const char* kRecalculated = "recomputed ";
 
 std::optional<bool> call(virtual_host_t& host, std::string_view function,
                          const std::string& arguments) {

@@ -70,7 +70,7 @@ TEST(Delivery, NothingIsSentBeforeTheClockIsSynchronised) {
     std::unique_ptr<virtual_host_t> host = lightHost(kStart, "Unsynchronized");
     ASSERT_EQ(add(*host, scheduleJson("s1", "Daily", kEvening)), true);
     EXPECT_EQ(variant_char(host->parameter(kS1, "CurrentState")), "Unsynchronized");
-    EXPECT_TRUE(host->traced("NTP was not synced, not calling setstate for s1 [on]"));
+    EXPECT_TRUE(host->traced("The clock is not synchronised: holding s1 [on]"));
     EXPECT_EQ(nextChange(*host), kTue2300) << "the change is planned all the same";
     host->advanceTo(kTue2300 + 60);
     EXPECT_FALSE(host->traced("with ID:[s1] and value:[off]")) << "no run before synchronisation";

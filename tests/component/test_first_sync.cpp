@@ -58,6 +58,33 @@ TEST(FirstSync, TellsEveryScheduleItsPresentStateOnce) {
     EXPECT_EQ(toldSince(host, told), lines_t{});
 }
 
+// At the default level the log grows with events, not with schedules: a
+// gateway that adds thousands of schedules before its clock is set, then
+// syncs and runs their changes, writes one line for the sync and nothing per
+// schedule or per change.
+TEST(FirstSync, TheDefaultLogHasNoLinePerScheduleOrChange) {
+    virtual_host_t host(virtual_host_t::options_t{
+        .traceZone = std::nullopt, .traceLevel = 200, .timeStatus = "Unsynchronized"});
+    ASSERT_EQ(registerLight(host), true);
+    constexpr int kSchedules = 500;
+    for (int i = 0; i < kSchedules; ++i) {
+        // Each on for a minute, at its own minute after the start.
+        const std::int64_t begin = 60 * (i % 60);
+        const std::string info = scheduleJson("s" + std::to_string(i), "Hourly", "off",
+                                              entryJson("on", begin, begin + 60));
+        ASSERT_EQ(addToLight(host, info), true) << i;
+    }
+    EXPECT_EQ(host.traces(), lines_t{});
+    host.setTimeStatus("Synchronized");
+    host.advanceTo(kStart + 3600);
+    ASSERT_GE(host.setStateCalls().size(), static_cast<std::size_t>(2 * kSchedules));
+    ASSERT_EQ(host.traces().size(), 1U);
+    EXPECT_TRUE(
+        host.traces()[0].find("recomputed 500 planned changes at 2023-11-14T22:13:20Z in ") !=
+        std::string::npos)
+        << host.traces()[0];
+}
+
 // A Time service that restarted and synchronises again may bring a clock
 // that moved while it was away: the schedules follow it.
 TEST(FirstSync, SynchronisedAgainAfterTimeRestartedFollowsTheClock) {

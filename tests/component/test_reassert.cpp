@@ -71,6 +71,13 @@ TEST(Reassert, ClientBackAcrossADueChangeIsToldEveryPresentStateOnce) {
     virtual_host_t host;
     setUp(host);
     host.removeClient("Device.Light");
+    // From the moment the client is gone, none of its schedules is known to
+    // show anything; the other client's schedule is not touched.
+    for (const auto& [id, states] : kBefore) {
+        EXPECT_EQ(current(host, id), "Unsynchronized") << id;
+    }
+    EXPECT_EQ(variant_char(host.parameter("Scheduler.Types.Valve.Schedules.valve", "CurrentState")),
+              "on");
     host.advanceTo(kMidnight - 3600 + 1);  // "plain" switched off at 23:00
     EXPECT_EQ(current(host, "plain"), "Unsynchronized");
     const std::size_t mark = host.setStateCalls().size();

@@ -6,6 +6,7 @@
 #include <tuple>
 #include <utility>
 
+#include "orv/variant_map.h"
 #include "time_zone.h"
 #include "virtual_host.h"
 
@@ -323,6 +324,52 @@ TEST(Schedules, RegistrationReadBackAndUnregistration) {
     host.advance(2 * 86400);
     EXPECT_EQ(host.setStateCalls().size(), 6u) << "the removed schedules send nothing";
     EXPECT_EQ(returned(host.call("getSchedules", R"({"type":"Light"})")), false);
+}
+
+// Long lists come in parts: "offset" and "limit" page through the schedules
+// in the order they were added, and an answer too large for one message is
+// refused with a reason that names them.
+TEST(Schedules, ReadBackInPagesAndNeverLargerThanAMessage) {
+    virtual_host_t host;
+    ASSERT_EQ(registerType(host), true);
+    // Each with the most entries a schedule may have: 100 of them take more
+    // than the 8 MiB a reply may carry.
+    std::vector<span_t> spans;
+    for (std::int64_t i = 0; i < 1024; ++i) {
+        spans.emplace_back(60 * i, 60 * i + 30, "on");
+    }
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(addSchedule(host, scheduleJson("s" + std::to_string(i), "Weekly", spans)), true);
+    }
+    const auto ids = [&host](const std::string& arguments) {
+        virtual_host_t::call_result_t result =
+            host.call("getSchedules", R"({"type":"Light")" + arguments + "}");
+        std::string listed;
+        const variant_t* info = variant_map_find(&result.arguments, "scheduleInfo");
+        for (const variant_t& item : info ? *variant_da_list(info) : variant_list_t{}) {
+            listed += (listed.empty() ? "" : ",") +
+                      variant_char(variant_map_find(variant_da_map(&item), "ID")).value_or("?");
+        }
+        return listed;
+    };
+    const std::pair<const char*, const char*> pages[] = {
+        {R"(,"limit":3)", "s0,s1,s2"},
+        {R"(,"offset":98)", "s98,s99"},
+        {R"(,"offset":97,"limit":2)", "s97,s98"},
+        {R"(,"offset":100)", ""},
+        {R"(,"limit":0)", ""},
+    };
+    for (const auto& [arguments, expected] : pages) {
+        EXPECT_EQ(ids(arguments), expected) << arguments;
+    }
+    const std::string tooLarge = answer(host, "getCompleteSchedules", R"({"type":"Light"})");
+    EXPECT_TRUE(tooLarge.starts_with(
+        R"(false {"error":"the answer would not fit in one message: ask for parts of the 100 )"
+        R"(schedules with 'offset' and 'limit', )"))
+        << tooLarge.substr(0, 300);
+    const std::string part =
+        answer(host, "getCompleteSchedules", R"({"type":"Light","offset":10,"limit":20})");
+    EXPECT_TRUE(part.starts_with(R"(true {"scheduleInfo":[{"ID":"s10",)")) << part.substr(0, 80);
 }
 
 }  // namespace

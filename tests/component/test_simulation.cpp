@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "orv/variant.h"
+#include "orv/variant_map.h"
 #include "time_zone.h"
 #include "virtual_host.h"
 
@@ -184,6 +185,62 @@ TEST(Simulation, YearlySchedulesAdvanceFromChangeToChangeOverYears) {
     expected.push_back("Simulation ends");
     // From January 1, 2024 to January 1, 2027.
     EXPECT_EQ(simulate(host, "simulateSchedules", "", 1704067200, 1798761600), expected);
+}
+
+// A change every five seconds over twenty days would list 345,600 changes;
+// the runs stop at 10,000, say where, and set "truncated". A run that ends
+// by itself says it is not truncated, and one without both ends is refused.
+TEST(Simulation, RunsStopAtTenThousandChangesAndNeedBothEnds) {
+    scoped_time_zone_t zone("UTC");
+    virtual_host_t host;
+    std::string entries;
+    for (int i = 0; i < 360; ++i) {
+        entries += (i ? "," : "") + entry("on", 10 * i, 10 * i + 5);
+    }
+    setUp(host, {schedule("busy", true, "Hourly", "off", entries)});
+    const auto run = [&](const char* function, const std::string& arguments) {
+        return host.call(function, "{" + arguments + "}");
+    };
+    const std::string span = R"("start":)" + std::to_string(kTuesday) + R"(,"stop":)" +
+                             std::to_string(kTuesday + 20 * kDay);
+    struct row_t {
+        const char* function;
+        std::string arguments;
+        std::size_t lines;
+        std::string last;
+        bool truncated;
+        const char* error;
+    };
+    // The run starts on; the k-th change comes 5k s after the start, so the
+    // 10,001st at 13:53:25.
+    const std::string cut =
+        "Simulation truncated after 10000 changes at 1699970005 (Tue Nov 14 13:53:25 2023)";
+    const row_t rows[] = {
+        {"simulateSchedule", R"("type":"Light","ID":"busy",)" + span, 10003, cut, true, nullptr},
+        {"simulateSchedules", span, 20002, cut, true, nullptr},
+        {"simulateSchedules",
+         R"("start":)" + std::to_string(kTuesday) + R"(,"stop":)" + std::to_string(kTuesday + 10),
+         6, "Simulation ends", false, nullptr},
+        {"simulateSchedule", R"("type":"Light","ID":"busy","stop":1700000000)", 0, "", false,
+         "'start' is missing"},
+        {"simulateSchedules", R"("start":1700000000)", 0, "", false, "'stop' is missing"},
+    };
+    for (const row_t& row : rows) {
+        virtual_host_t::call_result_t result = run(row.function, row.arguments);
+        const variant_list_t* lines = variant_da_list(&result.retval);
+        ASSERT_NE(lines, nullptr) << row.arguments;
+        EXPECT_EQ(lines->size(), row.lines) << row.arguments;
+        if (!lines->empty()) {
+            EXPECT_EQ(variant_char(&lines->back()), row.last) << row.arguments;
+        }
+        const variant_t* truncated = variant_map_find(&result.arguments, "truncated");
+        ASSERT_NE(truncated, nullptr) << row.arguments;
+        EXPECT_EQ(variant_toBool(truncated), row.truncated) << row.arguments;
+        const variant_t* error = variant_map_find(&result.arguments, "error");
+        EXPECT_EQ(error ? variant_char(error) : std::nullopt,
+                  row.error ? std::optional<std::string>(row.error) : std::nullopt)
+            << row.arguments;
+    }
 }
 
 }  // namespace

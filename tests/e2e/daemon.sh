@@ -182,6 +182,34 @@ check_signals() {
     [[ $out != *\"$s2\"* ]] || fail "GetManagedObjects still lists s-2"
 }
 
+# A wrong signature gets InvalidArgs with the signature the method takes, on
+# every interface orvd serves: PATH METHOD EXPECTED [ARGUMENT...] per row.
+check_signatures() {
+    local row words out props="org.freedesktop.DBus.Properties"
+    local rows=(
+        "/Scheduler $props.Get ss string:org.orv.Object"
+        "/Scheduler $props.GetAll s"
+        "/Scheduler $props.Set ssv string:org.orv.Object string:Status"
+        "/Scheduler org.freedesktop.DBus.Introspectable.Introspect - string:x"
+        "/ org.freedesktop.DBus.ObjectManager.GetManagedObjects - int32:1"
+        "/Scheduler org.freedesktop.DBus.Peer.Ping - string:x"
+        "/Scheduler org.freedesktop.DBus.Peer.GetMachineId - string:x"
+        "/Scheduler org.orv.Object.getScheduleTypes a{sv} string:x"
+        "$s1 org.orv.Object.frobnicate a{sv}"
+    )
+    for row in "${rows[@]}"; do
+        read -ra words <<<"$row"
+        local expected=${words[2]/#-/} given
+        given=$(IFS=; for w in "${words[@]:3}"; do
+            case $w in string:*) printf s ;; int32:*) printf i ;; esac
+        done)
+        out=$(timeout 10 dbus-send --bus="$addr" --print-reply --dest=org.orv.Scheduler \
+            "${words[0]}" "${words[1]}" "${words[@]:3}" 2>&1)
+        [[ $out == "Error org.freedesktop.DBus.Error.InvalidArgs: ${words[1]##*.} takes the signature \"$expected\", not \"$given\"." ]] ||
+            fail "${words[1]} with \"$given\" got: $out"
+    done
+}
+
 check_errors() {
     local line rc props="org.freedesktop.DBus.Properties"
     local calls=(
@@ -198,6 +226,7 @@ check_errors() {
         [[ $rc == 1 ]] || fail "busctl $line exited $rc, not 1 with an error reply"
     done
     exited "$daemon" && fail "orvd stopped after the failed calls"
+    check_signatures
     [[ $(sched unregisterScheduleType 1 type s Light) == "va{sv} b true 0" ]] ||
         fail "unregisterScheduleType Light failed"
     seen "$(ifaces InterfacesRemoved $types/Light)" || fail "no InterfacesRemoved for Light"

@@ -129,8 +129,8 @@ check_changes() {
     at_second_start serve 2 "$now"
 }
 
-# s3 is on from now + 3 to now + 8. The client is away at the first change,
-# which reads as "Unsynchronized". Back, it is told the present state of each
+# s3 is on from now + 3 to now + 8. The client is away at the first change;
+# from the moment it left, s3 reads "Unsynchronized". Back, it is told the present state of each
 # schedule at once, and the second change reaches it in its second.
 check_absent_client() {
     next_second
@@ -140,6 +140,15 @@ check_absent_client() {
     reads s3 CurrentState 's "off"'
     kill -TERM "$serve"
     wait_exit "$serve" || fail "serve did not stop"
+    # Unknown from the moment the client is gone, before any change.
+    local i
+    for ((i = 0; i < 40; i++)); do
+        [[ $(bctl get-property org.orv.Scheduler "$schedules/s3" org.orv.Object CurrentState) == \
+            's "Unsynchronized"' ]] && break
+        sleep 0.05
+    done
+    (($(date +%s) < now + 3)) || fail "the test was too slow to see s3 before its change"
+    reads s3 CurrentState 's "Unsynchronized"'
     sleep_until $((now + 4))
     reads s3 CurrentState 's "Unsynchronized"'
     local back

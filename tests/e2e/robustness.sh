@@ -164,6 +164,26 @@ check_time_restart() {
     [[ $(next_change) == "$healthy" ]] || fail "s1's next change moved to $(next_change)"
 }
 
+# A change every five seconds simulated over twenty days would not fit in
+# one message of the bus: the answer stops at 10,000 changes, says so, and
+# orvd stays on the bus.
+check_long_simulation() {
+    local entries="" i out
+    for ((i = 0; i < 360; i++)); do
+        entries+="${entries:+,}{\"state\": \"on\", \"begin\": $((10 * i)), \"end\": $((10 * i + 5))}"
+    done
+    timeout 20 "$cli" --bus "$addr" call Scheduler addSchedule "{\"type\": \"Light\",
+        \"info\": {\"ID\": \"busy\", \"enable\": true, \"base\": \"Hourly\", \"def\": \"off\",
+        \"override\": \"\", \"schedule\": [$entries]}}" >/dev/null || fail "adding busy failed"
+    out=$(timeout 60 "$cli" --bus "$addr" call Scheduler simulateSchedules \
+        "{\"start\": $now, \"stop\": $((now + 20 * 86400))}") || fail "the long simulation failed"
+    grep -q '"truncated": *true' <<<"$out" || fail "the long simulation is not marked truncated"
+    grep -q 'Simulation truncated after 10000 changes at' <<<"$out" ||
+        fail "the long simulation does not say where it stopped"
+    exited "$daemon" && fail "orvd ended on a long simulation"
+    sched removeSchedules 2 type s Light ID av 1 s busy >/dev/null || fail "removing busy failed"
+}
+
 check_stop_under_load() {
     while :; do
         add load >/dev/null 2>&1
@@ -181,5 +201,6 @@ check_stop_under_load() {
 start_all
 check_bad_input
 check_time_restart
+check_long_simulation
 check_stop_under_load
 echo "PASS"

@@ -249,7 +249,7 @@ check_armed() {
         read -r _ next <<<"$(expected "$2" ${spans[$id]})"
         ((earliest == 0 || next < earliest)) && earliest=$next
     done
-    timeout_us=$(awk '/recalculate peeklist/ { armed = "" }
+    timeout_us=$(awk '/recomputed [0-9]+ planned changes/ { armed = "" }
         match($0, /Starting peeklist timer with timeout [0-9]+ us/) {
             armed = substr($0, RSTART + 37, RLENGTH - 40) } END { print armed }' \
         "$work/orvd.log")

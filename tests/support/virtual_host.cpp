@@ -39,7 +39,7 @@ virtual_host_t::virtual_host_t() : virtual_host_t(options_t{}) {}
 virtual_host_t::virtual_host_t(options_t options) : options_(std::move(options)) {
     tolvTraceReset();
     tolvTraceSetLevel(options_.traceLevel);
-    tolvTraceSetSink([this](std::string_view line) { traces_.emplace_back(line); });
+    tolvTraceSetSink([this](int, std::string_view line) { traces_.emplace_back(line); });
     setZoneVariable(options_.traceZone);
 
     loop_ = std::make_unique<orv_virtual_loop_t>(options_.start * kMicro);

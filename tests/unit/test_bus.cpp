@@ -44,6 +44,8 @@ std::string describe(const reply_item_t* item) {
         case reply_type_notification:
             return "notification:" + std::to_string(notification_type(n)) + "@" +
                    notification_objectPath(n) + describe(n->parameters());
+        case reply_type_object_gone:
+            return "gone:" + object->path;
         case reply_type_error:
             return "error:" + std::to_string(reply_item_error(item)) + ":" +
                    reply_item_errorDescription(item) + ":" + reply_item_errorInfo(item);
@@ -107,7 +109,7 @@ class Bus : public ::testing::Test {
         std::make_unique<orv_context_t>(&loop_, nullptr, &bus_);
 };
 
-TEST_F(Bus, RootLookupWithWaitDeliversExistingRootsThenNewOnes) {
+TEST_F(Bus, RootLookupWithWaitDeliversRootsAsTheyComeAndGo) {
     bus_.publish("Time", param("Status", "Synchronized"));
     bus_.publish("Device.Light", param("State", "On"));
     bus_.publish("Time.Zone");
@@ -123,6 +125,14 @@ TEST_F(Bus, RootLookupWithWaitDeliversExistingRootsThenNewOnes) {
     loop_.runPending();
     EXPECT_EQ(record.deliveries.back(), (Items{R"(object:Scheduler{"Version":"1"})"}));
     EXPECT_EQ(record.deliveries.size(), 2u);
+
+    // A root goes when its last object goes.
+    bus_.unpublish("Device.Light");
+    loop_.runPending();
+    EXPECT_EQ(record.deliveries.size(), 2u);
+    bus_.unpublish("Device.Switch");
+    loop_.runPending();
+    EXPECT_EQ(record.deliveries.back(), (Items{"gone:Device"}));
     EXPECT_EQ(context_->openRequests(), (std::vector<request_t*>{request}));
 }
 

@@ -30,7 +30,7 @@ class RecordTest : public ::testing::Test {
         // A map that does not read is told in detail; the refusal that
         // follows it is the caller's.
         tolvTraceAddZone(TRACE_LEVEL_INFO, "scheduler_plugin");
-        tolvTraceSetSink([this](std::string_view line) { lines_.emplace_back(line); });
+        tolvTraceSetSink([this](int, std::string_view line) { lines_.emplace_back(line); });
     }
     void TearDown() override { tolvTraceSetSink({}); }
     std::vector<std::string> lines_;

@@ -26,7 +26,7 @@ std::int64_t realMonotonicUs() {
 class SdLoop : public ::testing::Test {
   protected:
     void SetUp() override {
-        tolvTraceSetSink([this](std::string_view line) { traces.emplace_back(line); });
+        tolvTraceSetSink([this](int, std::string_view line) { traces.emplace_back(line); });
         std::string error;
         loop = orv_sd_loop_t::create(&error);
         ASSERT_TRUE(loop) << error;

@@ -12,7 +12,7 @@ class Trace : public ::testing::Test {
   protected:
     void SetUp() override {
         tolvTraceReset();
-        tolvTraceSetSink([this](std::string_view line) { lines_.emplace_back(line); });
+        tolvTraceSetSink([this](int, std::string_view line) { lines_.emplace_back(line); });
     }
     void TearDown() override {
         tolvTraceSetSink({});

@@ -62,6 +62,48 @@ void emitRemovedTree(sd_bus* bus, const object_t* object) {
     emitRemoved(bus, object);
 }
 
+constexpr const char* kPeer = "org.freedesktop.DBus.Peer";
+
+// The signature each method served here takes, or null for a method that is
+// not ours: the handlers then say it is unknown.
+const char* expectedSignature(std::string_view interface, std::string_view member) {
+    struct method_t {
+        std::string_view interface;
+        std::string_view member;
+        const char* signature;
+    };
+    static constexpr method_t kMethods[] = {
+        {kIntrospectable, "Introspect", ""},
+        {kProperties, "Get", "ss"},
+        {kProperties, "GetAll", "s"},
+        {kProperties, "Set", "ssv"},
+        {kObjectManager, "GetManagedObjects", ""},
+        {kPeer, "Ping", ""},
+        {kPeer, "GetMachineId", ""},
+    };
+    for (const method_t& method : kMethods) {
+        if (method.interface == interface && method.member == member) {
+            return method.signature;
+        }
+    }
+    // Every function of the data model takes its arguments as one map.
+    return interface.empty() || interface == orv_dbus_interface ? "a{sv}" : nullptr;
+}
+
+// Refuses a call whose arguments do not have the method's signature, with
+// the one it takes; 0 when they have it.
+int checkSignature(sd_bus_message* m, std::string_view interface, sd_bus_error* error) {
+    const char* member = sd_bus_message_get_member(m);
+    const char* expected = expectedSignature(interface, member != nullptr ? member : "");
+    const char* actual = sd_bus_message_get_signature(m, 1);
+    if (expected == nullptr || std::string_view(actual != nullptr ? actual : "") == expected) {
+        return 0;
+    }
+    return sd_bus_error_setf(
+        error, SD_BUS_ERROR_INVALID_ARGS, "%s takes the signature \"%s\", not \"%s\".",
+        member != nullptr ? member : "", expected, actual != nullptr ? actual : "");
+}
+
 }  // namespace
 
 struct orv_dbus_export_t::dispatch_t {
@@ -78,6 +120,9 @@ struct orv_dbus_export_t::dispatch_t {
                                      path != nullptr ? path : "");
         }
         const bool isRoot = object == self->model_->root();
+        if (const int r = checkSignature(m, iface, error); r < 0) {
+            return r;
+        }
         if (iface == kIntrospectable) {
             return replyIntrospection(m, object, isRoot);
         }
@@ -92,6 +137,21 @@ struct orv_dbus_export_t::dispatch_t {
         }
         return sd_bus_error_setf(error, SD_BUS_ERROR_UNKNOWN_INTERFACE, "Unknown interface %s.",
                                  interface != nullptr ? interface : "");
+    }
+
+    // sd-bus answers Peer itself, whatever the arguments: a filter, which
+    // runs first, refuses a wrong signature the same way as the others.
+    static int onPeer(sd_bus_message* m, void*, sd_bus_error*) noexcept {
+        if (sd_bus_message_is_method_call(m, kPeer, nullptr) <= 0) {
+            return 0;
+        }
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        const int r = checkSignature(m, kPeer, &error);
+        if (r < 0) {
+            sd_bus_reply_method_error(m, &error);
+        }
+        sd_bus_error_free(&error);
+        return r < 0 ? 1 : 0;
     }
 
     static int onMessage(sd_bus_message* m, void* userdata, sd_bus_error* error) noexcept {
@@ -119,6 +179,14 @@ std::unique_ptr<orv_dbus_export_t> orv_dbus_export_t::create(sd_bus* bus, datamo
         return nullptr;
     }
     bridge->slot_.reset(slot);
+    slot = nullptr;
+    if (sd_bus_add_filter(bus, &slot, dispatch_t::onPeer, nullptr) < 0) {
+        if (error != nullptr) {
+            *error = "cannot check the calls of org.freedesktop.DBus.Peer";
+        }
+        return nullptr;
+    }
+    bridge->peerSlot_.reset(slot);
     model->setObserver(bridge.get());
     return bridge;
 }

@@ -218,6 +218,7 @@ void orv_dbus_transport_t::ownerChanged(const std::string& root, const std::stri
                                         const std::string& newOwner) {
     if (newOwner.empty()) {
         owners_.erase(root);
+        rootGone(root);
         return;
     }
     owners_[root] = newOwner;
@@ -233,6 +234,17 @@ void orv_dbus_transport_t::ownerChanged(const std::string& root, const std::stri
     for (const auto& [id, kind] : fetches) {
         const std::string& path = find(id)->request->path();
         fetch(id, kind, path.empty() ? root : path);
+    }
+}
+
+// Every open root lookup that waits for objects hears that root left.
+void orv_dbus_transport_t::rootGone(const std::string& root) {
+    for (const auto& [id, open] : open_) {
+        if (open->request->path().empty() && (open->request->attributes() & request_wait)) {
+            std::vector<reply_item_t> items;
+            items.push_back(reply_item_t::gone(root));
+            post(id, std::move(items));
+        }
     }
 }
 

@@ -12,6 +12,9 @@ class orv_context_t;
 // The entry points every plug-in exports with C linkage.
 using orv_plugin_initialize_t = bool (*)(orv_context_t* context);
 using orv_plugin_cleanup_t = void (*)();
+// Optional: one line about the plug-in's state for the host's status line,
+// written into *out; false when the plug-in has nothing to say.
+using orv_plugin_status_t = bool (*)(std::string* out);
 
 // Owns a dlopen handle. Unloading does not call the clean-up entry point:
 // the host decides when that happens.
@@ -26,6 +29,8 @@ class orv_plugin_t {
 
     bool initialize(orv_context_t* context) const;
     void cleanup() const;
+    // The plug-in's status line, or empty when it exports none.
+    std::string status() const;
     // The handler "__" + name, or null.
     function_handler_t handler(const std::string& name) const;
     const std::string& path() const { return path_; }
@@ -37,4 +42,5 @@ class orv_plugin_t {
     std::string path_;
     orv_plugin_initialize_t initialize_;
     orv_plugin_cleanup_t cleanup_;
+    orv_plugin_status_t status_;
 };

@@ -39,6 +39,9 @@ enum reply_item_type_t : std::uint32_t {
     reply_type_object = 1,
     reply_type_notification = 2,
     reply_type_error = 3,
+    // A root lookup that waits hears that a root left the bus: its service
+    // stopped or lost its name. The item's object is the root.
+    reply_type_object_gone = 4,
 };
 
 // A remote object as a reply carries it: its path and parameters.
@@ -50,6 +53,7 @@ struct remote_object_t {
 class reply_item_t {
   public:
     static reply_item_t object(remote_object_t object);
+    static reply_item_t gone(std::string root);
     static reply_item_t notification(notification_t notification);
     static reply_item_t error(std::uint32_t code, std::string description, std::string info);
 

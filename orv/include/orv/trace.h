@@ -34,10 +34,16 @@ void tolvTraceSetLevel(int level);
 int tolvTraceLevel();
 // Forgets every zone and restores the default level (200).
 void tolvTraceReset();
+// Applies trace levels written one per line as "NAME LEVEL": the name
+// "default" sets the level outside zones, any other name a zone's level.
+// Blank lines and lines that start with '#' are skipped. On an error nothing
+// is applied and the result is "line N: " and the reason.
+std::optional<std::string> tolvTraceApplyLevels(std::string_view text);
 
 // Where lines go: stderr (with a newline) by default. A sink receives each
-// line without its newline; an empty function restores stderr.
-using tolv_trace_sink_t = std::function<void(std::string_view line)>;
+// line without its newline, with its level; an empty function restores
+// stderr.
+using tolv_trace_sink_t = std::function<void(int level, std::string_view line)>;
 void tolvTraceSetSink(tolv_trace_sink_t sink);
 
 void tolvTrace_message(int level, const char* module, const char* function, const char* file,

@@ -52,8 +52,16 @@ void orv_inproc_bus_t::unpublish(std::string_view path) {
     const bool rootRemains = std::any_of(objects_.begin(), objects_.end(), [&](const auto& entry) {
         return rootOf(entry.first) == root;
     });
-    if (!rootRemains) {
-        std::erase(roots_, std::string(root));
+    if (rootRemains) {
+        return;
+    }
+    std::erase(roots_, std::string(root));
+    for (const open_t& open : matching("")) {
+        if (open.request->attributes() & request_wait) {
+            std::vector<reply_item_t> items;
+            items.push_back(reply_item_t::gone(std::string(root)));
+            post(open.request, std::move(items));
+        }
     }
 }
 

@@ -42,4 +42,5 @@ class orv_dbus_export_t final : private object_observer_t {
     sd_bus* bus_;
     datamodel_t* model_;
     orv_slot_ptr slot_;
+    orv_slot_ptr peerSlot_;
 };

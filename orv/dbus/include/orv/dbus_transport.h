@@ -59,6 +59,7 @@ class orv_dbus_transport_t final : public orv_transport_t {
     bool call(request_t* request, orv_request_sink_t* sink);
     void subscribe(open_t& open);
     void fetch(std::uint32_t id, int kind, const std::string& path);
+    void rootGone(const std::string& root);
     void ownerChanged(const std::string& root, const std::string& oldOwner,
                       const std::string& newOwner);
     void post(std::uint32_t id, std::vector<reply_item_t> items);

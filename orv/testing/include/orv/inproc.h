@@ -35,7 +35,8 @@ class orv_inproc_bus_t final : public orv_transport_t {
     ~orv_inproc_bus_t() override;
 
     // Remote objects. Publishing an object whose root is new answers the
-    // requests that wait for objects with an item for that root.
+    // requests that wait for objects with an item for that root; removing
+    // the last object of a root tells them it is gone.
     void publish(std::string_view path, variant_map_t parameters = {});
     void unpublish(std::string_view path);
     bool isPublished(std::string_view path) const;
