@@ -100,13 +100,11 @@ owner_exec_t::counts_t owner_exec_t::counts() const {
 }
 
 void owner_exec_t::run(const std::string& id, const std::string& state) {
-    if (queue_.size() >= kMaxQueued) {
-        ++counts_.failed;
-        log_("dropped \"" + id + "\" -> " + state + ": " + std::to_string(kMaxQueued) +
-             " commands wait already");
+    if (auto waiting = waiting_.find(id); waiting != waiting_.end()) {
+        waiting->second->state = state;
         return;
     }
-    queue_.push_back({id, state});
+    waiting_.emplace(id, queue_.insert(queue_.end(), job_t{id, state}));
     if (pid_ == 0) {
         startNext();
     }
@@ -116,6 +114,7 @@ void owner_exec_t::startNext() {
     while (pid_ == 0 && !queue_.empty()) {
         job_t job = std::move(queue_.front());
         queue_.pop_front();
+        waiting_.erase(job.id);
         if (!start(job)) {
             ++counts_.failed;
         }

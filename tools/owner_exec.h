@@ -1,16 +1,21 @@
 // The commands an owner runs for the states it receives: one at a time, in
 // the order the states came, as argv (never through a shell), each in a
 // process group of its own that is killed when it overruns its time-out.
+// A schedule waits at most once: a newer state for an ID whose command has
+// not started yet takes the place of the older one, so the queue never holds
+// more than one command per schedule and no state is lost, however many
+// schedules tell their states at once.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
-#include <deque>
 #include <functional>
+#include <list>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "orv/dbus_handle.h"
@@ -30,9 +35,6 @@ class owner_exec_t {
         std::size_t run = 0;
         std::size_t failed = 0;
     };
-    // States that arrive while this many wait are dropped, with a log line.
-    static constexpr std::size_t kMaxQueued = 1000;
-
     // SIGCHLD must be blocked before: sd-event reaps the children.
     owner_exec_t(sd_event* event, std::vector<std::string> command,
                  std::chrono::milliseconds timeout, log_t log);
@@ -60,7 +62,9 @@ class owner_exec_t {
     std::vector<std::string> command_;
     std::chrono::milliseconds timeout_;
     log_t log_;
-    std::deque<job_t> queue_;
+    std::list<job_t> queue_;
+    // Where each waiting ID is in the queue.
+    std::unordered_map<std::string, std::list<job_t>::iterator> waiting_;
     // The running command: its job, process (group), start and sources.
     job_t current_;
     pid_t pid_ = 0;

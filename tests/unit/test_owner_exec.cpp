@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <systemd/sd-event.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -102,6 +103,29 @@ TEST_F(OwnerExecTest, LogsHowEachCommandEnded) {
     EXPECT_EQ(log_[0],
               "\"porch\" -> off: /nonexistent/program: cannot run: No such file or directory");
     EXPECT_EQ(missing.counts().failed, 1u);
+}
+
+// An owner with many schedules hears them all at once when it registers:
+// every ID gets its command, and an ID told twice before its command started
+// runs once, with the newer state.
+TEST_F(OwnerExecTest, EveryScheduleRunsOnceWithItsLatestState) {
+    const std::string out = (folder_ / "out").string();
+    auto exec = runner("echo \"$1 $2\" >>" + out);
+    constexpr int kSchedules = 1200;
+    for (int i = 0; i < kSchedules; ++i) {
+        exec->run("s" + std::to_string(i), "off");
+    }
+    exec->run("s7", "on");
+    exec->run("s7", "eco");
+    EXPECT_EQ(exec->counts().queued, static_cast<std::size_t>(kSchedules - 1));
+    ASSERT_TRUE(awaitLines(kSchedules));
+    EXPECT_EQ(exec->counts().run, static_cast<std::size_t>(kSchedules));
+    EXPECT_EQ(exec->counts().failed, 0u);
+    const std::string lines = file("out");
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kSchedules);
+    EXPECT_NE(lines.find("\ns7 eco\n"), std::string::npos);
+    EXPECT_EQ(lines.find("s7 off"), std::string::npos);
+    EXPECT_EQ(lines.find("s7 on"), std::string::npos);
 }
 
 TEST_F(OwnerExecTest, RunsInOrderAndKillsAHangingCommandWithItsGroup) {
