@@ -52,7 +52,7 @@ bool isSocket(int fd) {
 
 // One write that cannot block: the target was ready, and a socket is told
 // not to wait. A closed socket or pipe answers EPIPE without a signal (the
-// writer's thread blocks every signal).
+// writer's thread blocks SIGPIPE).
 ssize_t writeSome(int fd, const char* data, std::size_t size) {
     if (isSocket(fd)) {
         return ::send(fd, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -76,13 +76,18 @@ std::unique_ptr<orv_log_writer_t> orv_log_writer_t::open(options_t options, std:
         writer->file_ = std::move(file);
     }
     writer->journal_ = writer->options_.path.empty() && isJournal(writer->fd_);
-    // The thread takes no signal: a process-wide one such as SIGTERM must
-    // reach the loop that waits for it, and a closed pipe must not end the
-    // process.
-    sigset_t all;
+    // The thread takes none of the signals a program is sent: one such as
+    // SIGTERM must reach the loop that waits for it, and a closed pipe must
+    // not end the process. Faults such as SIGSEGV stay with the thread that
+    // causes them.
+    sigset_t blocked;
     sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &previous);
+    sigemptyset(&blocked);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGCHLD,
+                             SIGALRM, SIGWINCH}) {
+        sigaddset(&blocked, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &blocked, &previous);
     writer->thread_ = std::thread([w = writer.get()] { w->run(); });
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return writer;
