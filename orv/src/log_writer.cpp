@@ -223,6 +223,14 @@ void orv_log_writer_t::run() {
         if (!written) {
             ++dropped_;
             unreported_ += (noticed ? 0 : lost) + 1;
+            if (stopping_) {
+                // The target failed or stalled while the writer stops: what
+                // still waits is dropped rather than holding up the exit by
+                // a wait for each line.
+                dropped_ += queue_.size();
+                queue_.clear();
+                queuedBytes_ = 0;
+            }
         }
         idle_.notify_all();
     }
