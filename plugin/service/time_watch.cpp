@@ -80,7 +80,8 @@ void rootAppeared(service_t& service, const std::string& name) {
         return;
     }
     for (object_t* typeInstance : typesServedBy(service, name)) {
-        tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "The client of a type is back: telling it its states");
+        tolvTraceZ(TRACE_LEVEL_APP_INFO, ME, "The client of type %s is back: telling it its states",
+                   types_record(typeInstance)->name.c_str());
         dispatch_reassert(service, schedules_of(typeInstance), service_now());
     }
 }
